@@ -1,0 +1,12 @@
+# Third-party libraries, all from Debian packages (scripts/install-deps).
+find_package(PkgConfig REQUIRED)
+find_package(EXPAT REQUIRED)
+find_package(Boost 1.74 REQUIRED COMPONENTS date_time)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+if(LUMETRY_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(LUMETRY_BUILD_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

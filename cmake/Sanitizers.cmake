@@ -1,0 +1,6 @@
+# ASan + UBSan for the whole build when LUMETRY_SANITIZE is on.
+if(LUMETRY_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,75 @@
+// Shared fixtures of the test suites: a scoped temporary directory, a scoped
+// HOME (so the per-user directories land in a sandbox), whole-file helpers and
+// a runner for the built programs.
+#ifndef LUMETRY_TESTS_TESTSUPPORT_H_
+#define LUMETRY_TESTS_TESTSUPPORT_H_
+
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+class ScopedTempDir {
+ public:
+  ScopedTempDir();
+  ~ScopedTempDir();
+  ScopedTempDir(const ScopedTempDir&) = delete;
+  ScopedTempDir& operator=(const ScopedTempDir&) = delete;
+  const std::string& path() const { return path_; }
+  // path() + "/" + relative
+  std::string Sub(const std::string& relative) const;
+
+ private:
+  std::string path_;
+};
+
+// Sets an environment variable for the scope and restores it afterwards.
+class ScopedEnv {
+ public:
+  ScopedEnv(const std::string& name, const std::string& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::string old_;
+  bool had_old_;
+};
+
+// A temporary HOME: HOME points at a fresh directory for the scope.
+class ScopedHome {
+ public:
+  ScopedHome();
+  const std::string& path() const { return dir_.path(); }
+  std::string Library() const { return dir_.path() + "/Library"; }
+
+ private:
+  ScopedTempDir dir_;
+  ScopedEnv env_;
+};
+
+bool ReadFile(const std::string& path, std::string* contents);
+// Creates missing parent directories; false on any failure.
+bool WriteFile(const std::string& path, const std::string& contents);
+bool MakeDirs(const std::string& path);
+bool PathExists(const std::string& path);  // lstat: links count as present
+std::vector<std::string> ListNames(const std::string& dir);  // sorted, no . and ..
+int FileMode(const std::string& path);  // permission bits, or -1
+
+struct RunResult {
+  int status = -1;         // exit status, or 128 + signal number
+  std::string out;         // standard output
+  std::string err;         // standard error
+};
+
+// Runs `argv` (argv[0] is the program path) with its standard input on
+// /dev/null; `env` entries "NAME=value" are added to (or replace) the
+// current environment.
+RunResult RunProgram(const std::vector<std::string>& argv,
+                     const std::vector<std::string>& env = {});
+
+}  // namespace testing_support
+
+#endif  // LUMETRY_TESTS_TESTSUPPORT_H_
