@@ -1,3 +1,11 @@
 // Entry of the crash processor: `crash-processor <productName> <pid>`.
-// The run is wired in by CrashRun; until then the program refuses to run.
-int main() { return -1; }
+#include "CrashRun.h"
+#include "Logger.h"
+
+namespace {
+// The session writer's logger exists before the run starts, as every
+// component of the process expects.
+[[maybe_unused]] Logger& g_sessionLogger = Logger::Instance("LogSession");
+}  // namespace
+
+int main(int argc, char* argv[]) { return CrashProcessor::Run(argc, argv); }

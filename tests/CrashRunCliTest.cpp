@@ -1,0 +1,362 @@
+// End-to-end runs of the built crash-processor under a temporary HOME: the
+// exit statuses, the exact bytes of the usage logs it leaves, which session
+// files remain, and its diagnostic log.
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "Preferences.h"
+#include "TestSupport.h"
+
+using testing_support::ListNames;
+using testing_support::MakeDirs;
+using testing_support::PathExists;
+using testing_support::ReadFile;
+using testing_support::RunProgram;
+using testing_support::RunResult;
+using testing_support::ScopedHome;
+using testing_support::ScopedTempDir;
+using testing_support::WriteFile;
+
+namespace {
+
+constexpr const char* kMarker = "K-Q$mw#$zRTd8pofupin";
+constexpr const char* kDomain = "com.quorvik.lumetryqx";
+
+std::string Rot47(std::string text) {
+  for (char& c : text) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b >= 33 && b <= 126) c = static_cast<char>(b + 47 <= 126 ? b + 47 : b - 47);
+  }
+  return text;
+}
+
+// The exact document of one crash session, with every time stamp as "T".
+std::string ExpectedDocument(const std::string& id, const std::string& family,
+                             const std::string& name, const std::string& machineId) {
+  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+         "\n"
+         "<UsageDoc version=\"0.5.5\">\n"
+         "<StartSession id=\"" + id + "\" time=\"T\" seq=\"0\" />\n"
+         "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
+         "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
+         "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
+         "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
+         "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
+         "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" data=\"" + name +
+         "\" seq=\"6\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"" + family +
+         "\" seq=\"7\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"" + machineId +
+         "\" seq=\"8\" />\n"
+         "<EndSession id=\"" + id + "\" time=\"T\" seq=\"9\" />\n"
+         "</UsageDoc>\n";
+}
+
+std::string MaskTimes(const std::string& text) {
+  static const std::regex kTime("time=\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ\"");
+  return std::regex_replace(text, kTime, "time=\"T\"");
+}
+
+class CrashRunTest : public ::testing::Test {
+ protected:
+  std::string SessionDir() const {
+    return home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo/";
+  }
+  std::string LogDir() const { return home_.Library() + "/Logs/Quorvik/LogCourier2QX/"; }
+
+  void Plant(const std::string& name) { ASSERT_TRUE(WriteFile(SessionDir() + name, "")); }
+  void MakeLogDir() { ASSERT_TRUE(MakeDirs(LogDir())); }
+
+  RunResult Run(const std::vector<std::string>& args,
+                const std::string& program = CRASH_PROCESSOR_PATH) {
+    std::vector<std::string> argv = {program};
+    argv.insert(argv.end(), args.begin(), args.end());
+    RunResult result = RunProgram(argv);
+#ifdef NDEBUG
+    // A release build never speaks on the console.
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+#endif
+    return result;
+  }
+
+  std::string MachineId() {
+    std::string id;
+    GetPreferenceString("MachineID", kDomain, &id, PrefUser::kCurrentUser,
+                        PrefHost::kCurrentHost);
+    return id;
+  }
+
+  // The decoded, time-masked document of a log file; fails the test when the
+  // scrambled form lacks its marker.
+  std::string Decoded(const std::string& fileName) {
+    std::string bytes;
+    EXPECT_TRUE(ReadFile(LogDir() + fileName, &bytes)) << fileName;
+    if (fileName.size() > 4 && fileName.substr(fileName.size() - 4) == ".rdy") {
+      EXPECT_EQ(bytes.substr(0, 20), kMarker);
+      bytes = Rot47(bytes.substr(std::min<size_t>(20, bytes.size())));
+    }
+    return MaskTimes(bytes);
+  }
+
+  ScopedHome home_;
+};
+
+TEST_F(CrashRunTest, TooFewArgumentsTouchNothing) {
+  for (const auto& args : {std::vector<std::string>{}, std::vector<std::string>{"Prod"}}) {
+    EXPECT_EQ(Run(args).status, 255);
+  }
+  EXPECT_EQ(ListNames(home_.path()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, EmptyProductOrPidFindsNothing) {
+  MakeLogDir();
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+  EXPECT_EQ(Run({"", "1234"}).status, 254);
+  EXPECT_EQ(Run({"Prod", ""}).status, 254);
+  EXPECT_EQ(Run({"Prod", "999"}).status, 254);
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"1234_Fam_Name_S1_K1_x_y_Prod.info"});
+  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, ScrambledCrashLogByDefault) {
+  MakeLogDir();
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+  Plant("a_b_c_d_e_f_g_Prod.info");  // no pid: stays
+
+  EXPECT_EQ(Run({"Prod", "1234", "ignored", "extra"}).status, 0);
+
+  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
+  const std::string id = MachineId();
+  EXPECT_EQ(id.size(), 36u);
+  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"),
+            ExpectedDocument("S1", "Fam", "Name", id));
+  EXPECT_EQ(testing_support::FileMode(LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), 0600);
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"a_b_c_d_e_f_g_Prod.info"});
+}
+
+TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
+  struct Case {
+    const char* label;
+    bool store_number;
+    std::int32_t number;
+    const char* extension;
+  };
+  const Case cases[] = {
+      {"zero", true, 0, ".xml"},
+      {"one", true, 1, ".rdy"},
+      {"other number", true, 7, ".xml"},
+      {"negative", true, -1, ".xml"},
+      {"string", false, 0, ".rdy"},
+  };
+  MakeLogDir();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    if (c.store_number) {
+      ASSERT_TRUE(SetPreferenceNumber("obfuscate", kDomain, c.number, PrefUser::kCurrentUser,
+                                      PrefHost::kCurrentHost));
+    } else {
+      ASSERT_TRUE(SetPreferenceString("obfuscate", kDomain, "0", PrefUser::kCurrentUser,
+                                      PrefHost::kCurrentHost));
+    }
+    Plant("77_Fam_Name_S9_K9_x_y_Prod.info");
+    EXPECT_EQ(Run({"Prod", "77"}).status, 0);
+    const std::string file = std::string("ulog_LumetryQX_AppCrash_K9_S9_0") + c.extension;
+    ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{file});
+    std::string bytes;
+    ASSERT_TRUE(ReadFile(LogDir() + file, &bytes));
+    EXPECT_EQ(bytes.compare(0, 20, kMarker) == 0, std::string(c.extension) == ".rdy");
+    EXPECT_EQ(Decoded(file), ExpectedDocument("S9", "Fam", "Name", MachineId()));
+    ASSERT_EQ(::unlink((LogDir() + file).c_str()), 0);
+  }
+}
+
+TEST_F(CrashRunTest, RejectedNamesAreDeletedWithoutLogs) {
+  MakeLogDir();
+  const std::vector<std::string> rejected = {
+      "a_b_c_d_e_f_g_Prod.1234.info",  // piece 8 is "Prod.1234"
+      "1234_b_c_d_e_f_Prod.info",      // seven pieces
+      "1234_b_c_d_e_f_g_h_Prod.info",  // nine pieces
+      "Prod_1234_c_d_e_f_g_Other.info",
+  };
+  for (const std::string& name : rejected) Plant(name);
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, PidMatchesAsSubstring) {
+  MakeLogDir();
+  Plant("1_F_N_SA_KA_x_y_Prod.123");
+  Plant("2_F_N_SB_KB_x_412_Prod.info");
+  Plant("3_F_N_SC_KC_x_y_Prod.99");
+  EXPECT_EQ(Run({"Prod", "12"}).status, 0);
+  EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy",
+                                                          "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"3_F_N_SC_KC_x_y_Prod.99"});
+}
+
+TEST_F(CrashRunTest, MissingLogDirectoryStillConsumesTheFiles) {
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  EXPECT_FALSE(PathExists(LogDir()));
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
+  MakeLogDir();
+  ASSERT_TRUE(SetPreferenceNumber("obfuscate", kDomain, 0, PrefUser::kCurrentUser,
+                                  PrefHost::kCurrentHost));
+  const std::string file = LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.xml";
+  const std::string tail = "TAIL-OF-AN-OLDER-AND-LONGER-DOCUMENT";
+  ASSERT_TRUE(WriteFile(file, std::string(2000, 'x') + tail));
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  std::string bytes;
+  ASSERT_TRUE(ReadFile(file, &bytes));
+  ASSERT_EQ(bytes.size(), 2000 + tail.size());
+  const std::string doc = ExpectedDocument("S1", "Fam", "Name", MachineId());
+  const size_t written = bytes.find("</UsageDoc>\n") + std::string("</UsageDoc>\n").size();
+  EXPECT_EQ(MaskTimes(bytes.substr(0, written)), doc);
+  EXPECT_EQ(bytes.substr(written), std::string(2000 - written, 'x') + tail);
+}
+
+TEST_F(CrashRunTest, LogFileLockedElsewhereIsSkipped) {
+  MakeLogDir();
+  const std::string file = LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.rdy";
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  ::close(fd);
+  std::string bytes = "unread";
+  ASSERT_TRUE(ReadFile(file, &bytes));
+  EXPECT_EQ(bytes, "");
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, NamesThatAreNotUtf8AreHandledAsBytes) {
+  MakeLogDir();
+  const std::string name = "1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info";
+  Plant(name);
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  const std::string log = "ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy";
+  ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{log});
+  // The crashed product's name is not text: it is written as NOVALUE.
+  EXPECT_EQ(Decoded(log), ExpectedDocument("S\xc3", "Fam", "NOVALUE", MachineId()));
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+}
+
+TEST_F(CrashRunTest, ManyUnrelatedEntries) {
+  MakeLogDir();
+  ASSERT_TRUE(MakeDirs(SessionDir()));
+  for (int i = 0; i < 20000; ++i) {
+    const std::string path = SessionDir() + "9_F_N_S_K_x_y_Other." + std::to_string(i);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+  }
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
+  EXPECT_EQ(ListNames(SessionDir()).size(), 20000u);
+}
+
+TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
+  MakeLogDir();
+  const std::string machineId = MachineId();  // empty: the runs create it
+  const std::vector<std::string> pids = {"12", "123", "1234", "12", "123", "1234"};
+  for (int round = 0; round < 5; ++round) {
+    SCOPED_TRACE(round);
+    for (int s = 0; s < 12; ++s) {
+      Plant("1234_Fam_Name_S" + std::to_string(s) + "_K" + std::to_string(s) + "_x_y_Prod.i");
+    }
+    std::vector<pid_t> children;
+    for (const std::string& pid : pids) {
+      const pid_t child = ::fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        const RunResult r = RunProgram({CRASH_PROCESSOR_PATH, "Prod", pid});
+        // 0: did the work; 254: another run had already consumed the files.
+        ::_exit(r.status == 0 || r.status == 254 ? 0 : 1);
+      }
+      children.push_back(child);
+    }
+    for (pid_t child : children) {
+      int status = 0;
+      ASSERT_EQ(::waitpid(child, &status, 0), child);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+    const std::string id = MachineId();
+    ASSERT_EQ(id.size(), 36u);
+    for (int s = 0; s < 12; ++s) {
+      const std::string n = std::to_string(s);
+      EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K" + n + "_S" + n + "_0.rdy"),
+                ExpectedDocument("S" + n, "Fam", "Name", id));
+    }
+  }
+}
+
+// The program copied to a directory of its own, with "VxLog.config" beside
+// it, keeps a diagnostic log of the session writer's steps.
+TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
+  ScopedTempDir appDir;
+  std::string binary;
+  ASSERT_TRUE(ReadFile(CRASH_PROCESSOR_PATH, &binary));
+  const std::string program = appDir.Sub("crash-processor");
+  ASSERT_TRUE(WriteFile(program, binary));
+  ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+  ASSERT_TRUE(WriteFile(appDir.Sub("VxLog.config"), "append=1\n"));
+
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");  // log directory missing
+  EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+  MakeLogDir();
+  Plant("1234_Fam_Name_S2_K2_x_y_Prod.info");
+  EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+
+  std::string log;
+  ASSERT_TRUE(ReadFile(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &log));
+  static const std::regex kLine(
+      R"(\[DEBUG\] \| PID:\d+ \| TIME:\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ \| VALUE:(.*) \| DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
+  std::vector<std::string> steps;
+  size_t start = 0;
+  while (start < log.size()) {
+    const size_t end = log.find('\n', start);
+    ASSERT_NE(end, std::string::npos);
+    std::smatch m;
+    const std::string line = log.substr(start, end - start);
+    ASSERT_TRUE(std::regex_match(line, m, kLine)) << line;
+    steps.push_back(m[2].str() + " " + m[1].str());
+    start = end + 1;
+  }
+
+  std::vector<std::string> expected = {"214 MiniSession::CreateCrashFile"};
+  std::string path = LogDir();
+  for (int i = 0; i < 10; ++i) {
+    path += "ulog_LumetryQX_AppCrash_K1_S1_0.rdy";
+    expected.push_back("176 MiniSession::Write: " + path);
+    expected.push_back("182 MiniSession::Write");
+    path += "/";
+  }
+  expected.push_back("214 MiniSession::CreateCrashFile");
+  expected.push_back("176 MiniSession::Write: " + LogDir() + "ulog_LumetryQX_AppCrash_K2_S2_0.rdy");
+  expected.push_back("156 MiniSession::Write");
+  for (int i = 0; i < 10; ++i) expected.push_back("201 MiniSession::Write");
+  EXPECT_EQ(steps, expected);
+}
+
+}  // namespace
