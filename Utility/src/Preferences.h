@@ -44,14 +44,14 @@ class PrefValue {
   static PrefValue Array();
 
   bool IsNone() const { return node_ == nullptr; }
-  int Kind() const;  // a PrefKind
-  bool GetString(std::string* out) const;     // true for a string value
-  bool GetNumber(std::int32_t* out) const;    // true for an integer value
-  std::size_t Count() const;                  // entries of a dictionary or array
-  PrefValue ArrayItem(std::size_t index) const;       // copy, or none
-  bool HasKey(const std::string& key) const;          // dictionary only
-  PrefValue Item(const std::string& key) const;       // copy, or none
-  std::vector<std::string> Keys() const;              // dictionary keys in store order
+  int Kind() const;                                       // a PrefKind
+  bool GetString(std::string* out) const;                 // true for a string value
+  bool GetNumber(std::int32_t* out) const;                // true for an integer value
+  std::size_t Count() const;                              // entries of a dictionary or array
+  PrefValue ArrayItem(std::size_t index) const;           // copy, or none
+  bool HasKey(const std::string& key) const;              // dictionary only
+  PrefValue Item(const std::string& key) const;           // copy, or none
+  std::vector<std::string> Keys() const;                  // dictionary keys in store order
   bool SetItem(const std::string& key, PrefValue value);  // dictionary only
   bool RemoveItem(const std::string& key);                // dictionary only
   bool Append(PrefValue value);                           // array only
@@ -65,36 +65,46 @@ class PrefValue {
   void* node_ = nullptr;
 };
 
-PrefValue CopyPreferenceValue(const std::string& key, const std::string& domain,
-                              PrefUser user, PrefHost host);
-bool GetPreferenceString(const std::string& key, const std::string& domain,
-                         std::string* out, PrefUser user, PrefHost host);
-bool GetPreferenceNumber(const std::string& key, const std::string& domain,
-                         std::int32_t* out, PrefUser user, PrefHost host);
+// Reads answer false, leaving the out-argument as it was, when the value is
+// absent or of another kind; a stored integer outside the signed 32-bit range
+// is refused rather than truncated. List outputs are replaced only on success.
+PrefValue CopyPreferenceValue(const std::string& key, const std::string& domain, PrefUser user,
+                              PrefHost host);
+bool GetPreferenceString(const std::string& key, const std::string& domain, std::string* out,
+                         PrefUser user, PrefHost host);
+bool GetPreferenceNumber(const std::string& key, const std::string& domain, std::int32_t* out,
+                         PrefUser user, PrefHost host);
 bool GetPreferenceDictionaryString(const std::string& key, const std::string& entry,
-                                   const std::string& domain, std::string* out,
-                                   PrefUser user, PrefHost host);
+                                   const std::string& domain, std::string* out, PrefUser user,
+                                   PrefHost host);
 bool GetPreferenceDictionaryNumber(const std::string& key, const std::string& entry,
-                                   const std::string& domain, std::int32_t* out,
-                                   PrefUser user, PrefHost host);
+                                   const std::string& domain, std::int32_t* out, PrefUser user,
+                                   PrefHost host);
 bool SetPreferenceString(const std::string& key, const std::string& domain,
                          const std::string& value, PrefUser user, PrefHost host);
-bool SetPreferenceNumber(const std::string& key, const std::string& domain,
-                         std::int32_t value, PrefUser user, PrefHost host);
+bool SetPreferenceNumber(const std::string& key, const std::string& domain, std::int32_t value,
+                         PrefUser user, PrefHost host);
 bool SetPreferenceDictionaryString(const std::string& key, const std::string& entry,
                                    const std::string& domain, const std::string& value,
                                    PrefUser user, PrefHost host);
 bool SetPreferenceDictionaryNumber(const std::string& key, const std::string& entry,
-                                   const std::string& domain, std::int32_t value,
-                                   PrefUser user, PrefHost host);
+                                   const std::string& domain, std::int32_t value, PrefUser user,
+                                   PrefHost host);
 bool RemovePreferenceDictionaryEntry(const std::string& key, const std::string& entry,
-                                     const std::string& domain, PrefUser user,
-                                     PrefHost host);
+                                     const std::string& domain, PrefUser user, PrefHost host);
 bool GetDictionaryKeys(const std::string& name, const std::string& domain,
                        std::vector<std::string>* keys, PrefUser user, PrefHost host);
 bool GetPreferenceDictionaryPairs(const std::string& key, const std::string& domain,
                                   std::vector<std::pair<std::string, std::string>>* pairs,
                                   PrefUser user, PrefHost host);
+// Read-or-create of a string, atomic across processes: under the domain's
+// write lock, answers the string stored under `key`, or stores `fresh` there
+// (replacing a value of another kind) and answers it. False, with `out`
+// untouched, when the domain could not be locked, read or written.
+bool GetOrAddPreferenceString(const std::string& key, const std::string& domain,
+                              const std::string& fresh, std::string* out, PrefUser user,
+                              PrefHost host);
+
 bool IsPreferenceType(const PrefValue& value, int kind);
 int PreferenceTypeOf(const PrefValue& value);
 

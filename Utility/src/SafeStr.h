@@ -45,8 +45,7 @@ int WPrintf(const wchar_t* format, ...);
 int VSPrintf(char* dst, std::size_t size, const char* format, va_list args);
 int SPrintf(char* dst, std::size_t size, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
-int VSNPrintf(char* dst, std::size_t size, std::size_t count, const char* format,
-              va_list args);
+int VSNPrintf(char* dst, std::size_t size, std::size_t count, const char* format, va_list args);
 int SNPrintf(char* dst, std::size_t size, std::size_t count, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -25,11 +25,10 @@ std::string CurrentTime();
 // subcategory, name, doc and data are escaped here.
 std::string StartFragment(const std::string& id, const std::string& time, std::int32_t seq);
 std::string NewGroupFragment(const std::string& category, const std::string& subcategory,
-                             const std::string& name, const std::string& time,
-                             std::int32_t group, const std::string& doc, std::int32_t seq);
-std::string DataRecFragment(const std::string& time, std::int32_t group,
-                            const std::string& name, const std::string& data,
-                            std::int32_t seq);
+                             const std::string& name, const std::string& time, std::int32_t group,
+                             const std::string& doc, std::int32_t seq);
+std::string DataRecFragment(const std::string& time, std::int32_t group, const std::string& name,
+                            const std::string& data, std::int32_t seq);
 std::string EndFragment(const std::string& id, const std::string& time, std::int32_t seq);
 
 // The two counters of one document, both starting at -1. NextSeq is called

@@ -1,0 +1,131 @@
+// String helpers shared by every subsystem. Character tests are byte tests;
+// nothing here decodes UTF-8 except the validator at the platform-string
+// boundary.
+#include "StringUtil.h"
+
+#include <cctype>
+#include <memory>
+#include <new>
+
+#include "SafeStr.h"
+
+namespace StringUtil {
+
+const char* const kWhitespace = " \t\r\n";
+
+std::string Trim(const std::string& text, const char* set) {
+  try {
+    if (set == nullptr || *set == '\0') return text;
+    const std::size_t last = text.find_last_not_of(set);
+    if (last == std::string::npos) return std::string();
+    // Trailing run first, then the leading one.
+    std::string cut = text.substr(0, last + 1);
+    return cut.substr(cut.find_first_not_of(set));
+  } catch (...) {
+    return std::string();
+  }
+}
+
+std::string ToLower(std::string& text) {
+  for (char& c : text) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  try {
+    return text;
+  } catch (...) {
+    return std::string();
+  }
+}
+
+void Split(const std::string& text, std::vector<std::string>* tokens,
+           const std::string& delimiters) {
+  if (tokens == nullptr || text.empty() || delimiters.empty()) return;
+  try {
+    const std::size_t size = text.size() + 1;
+    std::unique_ptr<char[]> buffer(new char[size]);
+    if (SafeStr::MemCpy(buffer.get(), size, text.data(), text.size()) != 0) return;
+    buffer[size - 1] = '\0';
+
+    // Collected aside so that a failed allocation leaves the caller's list whole.
+    std::vector<std::string> found;
+    char* context = nullptr;
+    for (char* token = SafeStr::StrTok(buffer.get(), size, delimiters.c_str(), &context);
+         token != nullptr; token = SafeStr::StrTok(nullptr, 1, delimiters.c_str(), &context)) {
+      found.emplace_back(token);
+    }
+    tokens->swap(found);
+  } catch (...) {
+    // Out of memory: the tokens stay as they were.
+  }
+}
+
+bool IsValidUTF8(const char* data, std::size_t length) {
+  if (data == nullptr) return length == 0;
+  const auto* p = reinterpret_cast<const unsigned char*>(data);
+  const unsigned char* const end = p + length;
+  while (p < end) {
+    const unsigned char lead = *p;
+    if (lead < 0x80) {
+      ++p;
+      continue;
+    }
+    std::size_t trail = 0;
+    // Bounds of the first continuation byte exclude overlong forms,
+    // surrogates (ED A0..BF) and values above U+10FFFF (F4 90..).
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      trail = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      trail = 2;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      trail = 3;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;
+    } else {
+      return false;  // 80..C1 and F5..FF never lead a sequence
+    }
+    if (static_cast<std::size_t>(end - p) <= trail) return false;
+    if (p[1] < low || p[1] > high) return false;
+    for (std::size_t i = 2; i <= trail; ++i) {
+      if (p[i] < 0x80 || p[i] > 0xBF) return false;
+    }
+    p += trail + 1;
+  }
+  return true;
+}
+
+bool IsValidUTF8(const std::string& text) { return IsValidUTF8(text.data(), text.size()); }
+
+bool CFStringToUTF8(const std::string* value, std::string* out) {
+  if (value == nullptr || out == nullptr) return false;
+  if (!IsValidUTF8(*value)) return false;
+  try {
+    out->assign(value->c_str());  // an embedded NUL ends the text
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
+
+std::string ToHex(std::uint64_t value, std::size_t width) {
+  static const char* const kDigits[16] = {"0", "1", "2", "3", "4", "5", "6", "7",
+                                          "8", "9", "A", "B", "C", "D", "E", "F"};
+  try {
+    std::string digits;
+    while (value != 0) {
+      digits += kDigits[value & 15];
+      value >>= 4;
+    }
+    std::string result;
+    if (digits.size() < width) result.assign(width - digits.size(), '0');
+    result.append(digits.rbegin(), digits.rend());
+    return result;
+  } catch (...) {
+    return std::string();
+  }
+}
+
+}  // namespace StringUtil

@@ -1,0 +1,126 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <tuple>
+
+#include "SafeStr.h"
+#include "TestSupport.h"
+
+namespace {
+
+TEST(SafeStrTest, MemoryFunctionsRefuseWithoutCopying) {
+  char dst[4] = {'a', 'b', 'c', 'd'};
+  EXPECT_EQ(SafeStr::MemCpy(dst, 3, "wxyz", 4), -2);
+  EXPECT_EQ(SafeStr::MemMove(dst, 3, "wxyz", 4), -2);
+  EXPECT_EQ(SafeStr::MemSet(dst, 3, 'q', 4), -2);
+  EXPECT_EQ(std::string(dst, 4), "abcd");
+  EXPECT_EQ(SafeStr::MemCpy(nullptr, 4, "x", 1), -1);
+  EXPECT_EQ(SafeStr::MemSet(nullptr, 4, 0, 1), -1);
+  EXPECT_EQ(SafeStr::MemMove(dst + 1, 3, dst, 3), 0);
+  EXPECT_EQ(std::string(dst, 4), "aabc");
+}
+
+TEST(SafeStrTest, StrTokStopsInsideAnUnterminatedBuffer) {
+  char buffer[] = {'a', ',', 'b', 'c', 'X', 'Y'};
+  char* context = nullptr;
+  EXPECT_STREQ(SafeStr::StrTok(buffer, 5, ",", &context), "a");
+  EXPECT_STREQ(SafeStr::StrTok(nullptr, 1, ",", &context), "bc");
+  EXPECT_EQ(SafeStr::StrTok(nullptr, 1, ",", &context), nullptr);
+  EXPECT_EQ(buffer[5], 'Y');
+  char* fresh = nullptr;
+  EXPECT_EQ(SafeStr::StrTok(nullptr, 1, ",", &fresh), nullptr);
+  EXPECT_EQ(SafeStr::StrTok(buffer, 0, ",", &fresh), nullptr);
+}
+
+TEST(SafeStrTest, StringFunctionsTruncateAndStayInBounds) {
+  char dst[4];
+  EXPECT_EQ(SafeStr::StrCpy(dst, sizeof dst, "abcdef"), -2);
+  EXPECT_STREQ(dst, "abc");
+  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abcdef", 2), 0);
+  EXPECT_STREQ(dst, "ab");
+  EXPECT_EQ(SafeStr::StrNCat(dst, sizeof dst, "xyz", 1), 0);
+  EXPECT_STREQ(dst, "abx");
+  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abcd", 4), -2);
+  EXPECT_STREQ(dst, "abc");
+  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abc", 0), 0);
+  EXPECT_STREQ(dst, "");
+  EXPECT_EQ(SafeStr::StrCat(dst, sizeof dst, "ab"), 0);
+  EXPECT_EQ(SafeStr::StrCat(dst, sizeof dst, "cd"), -2);
+  EXPECT_STREQ(dst, "abc");
+
+  char unterminated[3] = {'x', 'y', 'z'};
+  EXPECT_EQ(SafeStr::StrCat(unterminated, sizeof unterminated, "a"), -1);
+  EXPECT_STREQ(unterminated, "");
+  EXPECT_EQ(SafeStr::StrCpy(dst, sizeof dst, nullptr), -1);
+  EXPECT_STREQ(dst, "");
+  EXPECT_EQ(SafeStr::StrNCpy(nullptr, 0, "a", 0), 0);
+  EXPECT_EQ(SafeStr::StrCat(nullptr, 0, "a"), 0);
+
+  const char text[] = "abc";
+  EXPECT_EQ(SafeStr::StrNChr(text, 4, 'c'), text + 2);
+  EXPECT_EQ(SafeStr::StrNChr(text, 2, 'c'), nullptr);
+  EXPECT_EQ(SafeStr::StrNChr(text, 4, 0), text + 3);
+  EXPECT_EQ(SafeStr::StrNLen(text, 2), 2u);
+  EXPECT_EQ(SafeStr::StrNLen(text, 10), 3u);
+  EXPECT_EQ(SafeStr::StrNLen(nullptr, 10), 0u);
+}
+
+TEST(SafeStrTest, FormattingReportsTruncation) {
+  char dst[4];
+  EXPECT_EQ(SafeStr::SPrintf(dst, sizeof dst, "%d", 123), 3);
+  EXPECT_EQ(SafeStr::SPrintf(dst, sizeof dst, "%d", 1234), -2);
+  EXPECT_STREQ(dst, "123");
+  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 10, "%s", "abcdef"), -2);
+  EXPECT_STREQ(dst, "abc");
+  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 2, "%s", "abcdef"), 6);
+  EXPECT_STREQ(dst, "ab");
+  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 0, "%s", "abc"), 0);
+  EXPECT_STREQ(dst, "");
+  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, SIZE_MAX, "%s", "ab"), 2);
+  EXPECT_EQ(SafeStr::SNPrintf(nullptr, 0, 0, "%s", "abc"), 0);
+  EXPECT_EQ(SafeStr::SPrintf(dst, 0, "%s", "abc"), -1);
+  EXPECT_EQ(SafeStr::WPrintf(nullptr), -1);
+}
+
+TEST(SafeStrTest, NumberConversion) {
+  const std::tuple<std::int32_t, int, int, std::size_t, const char*> cases[] = {
+      {-5, 10, -2, 2, ""},         {-5, 10, 0, 3, "-5"},
+      {5, 10, -2, 2, ""},          {0, 10, 0, 3, "0"},
+      {255, 16, 0, 4, "ff"},       {35, 36, 0, 3, "z"},
+      {-1, 16, 0, 10, "ffffffff"}, {INT32_MIN, 10, 0, 12, "-2147483648"},
+      {7, 1, -1, 10, ""},          {7, 37, -1, 10, ""},
+  };
+  for (const auto& [value, radix, status, size, text] : cases) {
+    char dst[16] = "junk";
+    EXPECT_EQ(SafeStr::IToA(value, dst, size, radix), status) << value << " radix " << radix;
+    EXPECT_STREQ(dst, text) << value << " radix " << radix;
+  }
+  char dst[24];
+  EXPECT_EQ(SafeStr::I64ToA(-4294967295, dst, sizeof dst, 10), 0);
+  EXPECT_STREQ(dst, "-4294967295");
+  EXPECT_EQ(SafeStr::I64ToA(INT64_MIN, dst, sizeof dst, 16), 0);
+  EXPECT_STREQ(dst, "8000000000000000");
+  // Digits come from the low 32 bits, so 2^32 in radix 10 ends in 0, not 6.
+  EXPECT_EQ(SafeStr::UI64ToA(4294967296u, dst, sizeof dst, 10), 0);
+  EXPECT_STREQ(dst, "4294967290");
+  EXPECT_EQ(SafeStr::UI64ToA(1, nullptr, 8, 10), -1);
+}
+
+TEST(SafeStrTest, GetSReadsOneLineOrNothing) {
+  testing_support::ScopedTempDir dir;
+  const std::string input = dir.Sub("stdin");
+  ASSERT_TRUE(testing_support::WriteFile(input, "abc\nabcd\nx\xFFyz\nok"));
+  ASSERT_NE(std::freopen(input.c_str(), "r", stdin), nullptr);
+  char dst[4];
+  // Too long a line leaves the empty string; 0xFF ends a line like the end of input.
+  for (const char* line : {"abc", "", "x", "yz", "ok", ""}) {
+    EXPECT_EQ(SafeStr::GetS(dst, sizeof dst), dst);
+    EXPECT_STREQ(dst, line);
+  }
+  EXPECT_EQ(SafeStr::GetS(nullptr, 4), nullptr);
+  EXPECT_NE(std::freopen("/dev/null", "r", stdin), nullptr);
+}
+
+}  // namespace
