@@ -1,0 +1,94 @@
+// The file-system primitives that FileUtil's portable logic stands on:
+// item attributes with full timestamp resolution, raw listings, directory
+// creation with inherited permissions, link-safe removal, copying, moving and
+// extended regular expressions. One implementation per platform; the Linux
+// one is Posix/FileUtilPosix.cpp. No system headers leak from here.
+#ifndef LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
+#define LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FileUtil.h"
+
+namespace FileUtil {
+namespace platform {
+
+// A point in time, seconds and nanoseconds since 1970-01-01 UTC.
+struct Timestamp {
+  std::int64_t seconds = 0;
+  std::int64_t nanoseconds = 0;
+};
+
+// True when `a` is strictly later than `b`.
+bool IsLater(const Timestamp& a, const Timestamp& b);
+
+enum class ItemKind { kRegular, kDirectory, kSymbolicLink, kOther };
+
+struct ItemAttributes {
+  ItemKind kind = ItemKind::kOther;
+  Timestamp modified;
+  // Birth time where the file system records it, else the status-change time.
+  Timestamp created;
+};
+
+// Attributes of the item itself; a symbolic link is not followed.
+bool GetItemAttributes(const std::string& path, ItemAttributes* attributes);
+
+// The target of a symbolic link exactly as stored in the link.
+bool ReadSymbolicLink(const std::string& path, std::string* target);
+
+// True when anything, even a dangling symbolic link, is at `path`.
+bool ItemExists(const std::string& path);
+
+// Appends the entry names of `dir` in listing order, without "." and "..".
+// False (nothing appended) when the directory cannot be read.
+bool ListNames(const std::string& dir, std::vector<std::string>* names);
+
+// Appends the paths, relative to `dir`, of every item below it; a directory
+// comes before its contents. Symbolic links are listed, never descended into.
+bool ListTree(const std::string& dir, std::vector<std::string>* relative_paths);
+
+enum class MakeDirectoryResult { kCreated, kExists, kFailed };
+
+// Creates `name` inside the existing directory `parent` and gives it the
+// parent's mode, owner and group (a refused ownership change is ignored).
+MakeDirectoryResult MakeDirectoryLikeParent(const FSRef& parent, const std::string& name);
+
+// Removes the item and, for a directory, everything below it. Symbolic links
+// are removed themselves, never followed. False when anything is left.
+bool RemoveItem(const std::string& path);
+
+// Copies a file, a symbolic link (as a link) or a directory tree to a
+// destination that must not exist yet; permission bits are kept.
+bool CopyItem(const std::string& source, const std::string& destination);
+
+// Renames; across file systems copies and then removes the source.
+bool MoveItem(const std::string& source, const std::string& destination);
+
+// True when both paths exist and name the same item.
+bool IsSameItem(const std::string& a, const std::string& b);
+
+// A compiled POSIX extended regular expression, matched without sub-matches.
+class ExtendedRegex {
+ public:
+  explicit ExtendedRegex(const std::string& expression);
+  ~ExtendedRegex();
+  ExtendedRegex(const ExtendedRegex&) = delete;
+  ExtendedRegex& operator=(const ExtendedRegex&) = delete;
+
+  bool IsValid() const;
+  // False for an invalid expression.
+  bool Matches(const std::string& text) const;
+
+ private:
+  struct Compiled;
+  std::unique_ptr<Compiled> compiled_;
+};
+
+}  // namespace platform
+}  // namespace FileUtil
+
+#endif  // LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
