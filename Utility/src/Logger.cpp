@@ -1,0 +1,252 @@
+// The diagnostic log: the process-wide registry, the one logger of the
+// process and its file, the "VxLog.config" reader and the line format.
+// Nothing here throws to a caller and nothing is ever freed: the logger must
+// stay usable until the very end of the process, static destructors included.
+#include "Logger.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <new>
+
+#include "FileUtil.h"
+#include "PlatformPaths.h"
+#include "StringUtil.h"
+
+namespace {
+
+constexpr const char* kConfigFileName = "VxLog.config";
+constexpr const char* kLogDirectoryAndPrefix = "/Logs/Quorvik/LumetryQX/VxLog-";
+constexpr const char* kConfigSeparators = " =;,";
+constexpr std::size_t kConfigLineBuffer = 512;
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// Handed out only when building the real logger failed (out of memory).
+// Placement-constructed so that it is never destroyed either.
+Logger& EmergencyLogger() {
+  alignas(NULLLogger) static unsigned char storage[sizeof(NULLLogger)];
+  static NULLLogger* logger = new (storage) NULLLogger(&std::cout);
+  return *logger;
+}
+
+}  // namespace
+
+GlobalItem::~GlobalItem() = default;
+
+GlobalItemRegistry& GlobalItemRegistry::Get() {
+  // Deliberately leaked: loggers may be used from other static destructors.
+  static GlobalItemRegistry* registry = new GlobalItemRegistry();
+  return *registry;
+}
+
+void GlobalItemRegistry::AddItem(GlobalItem* item) {
+  // An item that cannot be listed still lives for the whole process, which is
+  // all the list is for.
+  try {
+    items_.push_back(item);
+  } catch (...) {
+  }
+}
+
+void GlobalItemRegistry::AddConfigPath(const std::string& path) {
+  try {
+    configPaths_.push_back(path);
+  } catch (...) {
+  }
+}
+
+Logger::LoggerFile::LoggerFile(const std::string& path, bool append) {
+  if (path.empty()) return;
+  try {
+    stream_.open(path, append ? std::ios::out | std::ios::app : std::ios::out);
+    // A stream that could not be opened stays failed, so every line is dropped.
+    if (stream_.fail()) stream_.close();
+  } catch (...) {
+  }
+}
+
+Logger::Logger(std::ostream* stream) : stream_(stream) {}
+
+Logger::~Logger() = default;
+
+void Logger::Fatal(const std::string& value, const std::string& detail) {
+  Log("FATAL", value, detail);
+}
+void Logger::Error(const std::string& value, const std::string& detail) {
+  Log("ERROR", value, detail);
+}
+void Logger::Warning(const std::string& value, const std::string& detail) {
+  Log("WARNING", value, detail);
+}
+void Logger::Debug(const std::string& value, const std::string& detail) {
+  Log("DEBUG", value, detail);
+}
+void Logger::Info(const std::string& value, const std::string& detail) {
+  Log("INFO", value, detail);
+}
+
+void Logger::Fatal(const std::string& value, const std::string& file, std::int32_t line) {
+  Log("FATAL", value, FormatPosition(file, line));
+}
+void Logger::Error(const std::string& value, const std::string& file, std::int32_t line) {
+  Log("ERROR", value, FormatPosition(file, line));
+}
+void Logger::Warning(const std::string& value, const std::string& file, std::int32_t line) {
+  Log("WARNING", value, FormatPosition(file, line));
+}
+void Logger::Debug(const std::string& value, const std::string& file, std::int32_t line) {
+  Log("DEBUG", value, FormatPosition(file, line));
+}
+void Logger::Info(const std::string& value, const std::string& file, std::int32_t line) {
+  Log("INFO", value, FormatPosition(file, line));
+}
+
+void Logger::Log(const std::string& level, const std::string& value, const std::string& detail) {
+  try {
+    if (stream_ == nullptr || stream_->fail() || stream_->bad()) return;
+    char time[256] = "";
+    std::time_t now = std::time(nullptr);
+    std::tm utc;
+    if (gmtime_r(&now, &utc) != nullptr) {
+      std::strftime(time, sizeof time, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    }
+    std::string line;
+    line.append("[").append(level).append("]");
+    line.append(" | PID:").append(std::to_string(static_cast<long>(::getpid())));
+    line.append(" | TIME:").append(time);
+    line.append(" | VALUE:").append(value);
+    line.append(" | DETAIL:").append(detail);
+    // One write per line, flushed at once, so an abrupt end loses nothing.
+    *stream_ << line << '\n';
+    stream_->flush();
+  } catch (...) {
+  }
+}
+
+Logger& Logger::Instance(const std::string& name) {
+  static bool haveConfigPath = false;
+  static std::size_t configPathIndex = 0;
+  static Logger* logger = nullptr;
+  static LoggerFile* loggerFile = nullptr;
+  try {
+    GlobalItemRegistry& registry = GlobalItemRegistry::Get();
+    if (!haveConfigPath) {
+      configPathIndex = registry.ConfigPaths().size();
+      registry.AddConfigPath(ConfigFilePath());
+      haveConfigPath = true;
+    }
+    std::string configPath;
+    if (configPathIndex < registry.ConfigPaths().size()) {
+      configPath = registry.ConfigPaths()[configPathIndex];
+    }
+
+    if (!configPath.empty() && FileUtil::Exists(configPath)) {
+      // Computed on every call: it re-creates a log directory removed while
+      // the process runs.
+      std::string logPath = LogFilePath(name);
+      if (logger != nullptr) return *logger;
+      if (!logPath.empty()) {
+        bool append = ReadConfigValue(configPath, "append") == "1";
+        if (loggerFile == nullptr) {
+          loggerFile = new LoggerFile(logPath, append);
+          registry.AddItem(loggerFile);
+        }
+        Logger* fileLogger = new Logger(loggerFile->Stream());
+        registry.AddItem(fileLogger);
+        logger = fileLogger;
+        return *logger;
+      }
+    }
+    if (logger != nullptr) return *logger;
+    Logger* nullLogger = new NULLLogger(&std::cout);
+    registry.AddItem(nullLogger);
+    logger = nullLogger;
+    return *logger;
+  } catch (...) {
+    return logger != nullptr ? *logger : EmergencyLogger();
+  }
+}
+
+NULLLogger::NULLLogger(std::ostream* stream) : Logger(stream) {}
+
+void NULLLogger::Fatal(const std::string&, const std::string&) {}
+void NULLLogger::Error(const std::string&, const std::string&) {}
+void NULLLogger::Warning(const std::string&, const std::string&) {}
+void NULLLogger::Debug(const std::string&, const std::string&) {}
+void NULLLogger::Info(const std::string&, const std::string&) {}
+void NULLLogger::Fatal(const std::string&, const std::string&, std::int32_t) {}
+void NULLLogger::Error(const std::string&, const std::string&, std::int32_t) {}
+void NULLLogger::Warning(const std::string&, const std::string&, std::int32_t) {}
+void NULLLogger::Debug(const std::string&, const std::string&, std::int32_t) {}
+void NULLLogger::Info(const std::string&, const std::string&, std::int32_t) {}
+
+std::string FormatPosition(const std::string& file, std::int32_t line) {
+  try {
+    return "File:" + file + " LINE:" + std::to_string(line);
+  } catch (...) {
+    return std::string();
+  }
+}
+
+std::string ReadConfigValue(const std::string& configPath, const std::string& key) {
+  try {
+    // Read-write without creating or truncating: a file that may not be
+    // written to is deliberately treated as having no settings.
+    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(configPath.c_str(), "r+"));
+    if (!file) return std::string();
+
+    std::map<std::string, std::string> values;
+    char buffer[kConfigLineBuffer];
+    while (std::fgets(buffer, sizeof buffer, file.get()) != nullptr) {
+      std::size_t length = std::strlen(buffer);
+      if (length > 0 && buffer[length - 1] == '\n') {
+        --length;
+      } else if (length == kConfigLineBuffer - 1) {
+        // The buffer filled before a line end: the line fits only if it ends
+        // right here; a longer line ends the reading and is not used.
+        int next = std::fgetc(file.get());
+        if (next != EOF && next != '\n') break;
+      }
+      std::vector<std::string> tokens;
+      StringUtil::Split(std::string(buffer, length), &tokens, kConfigSeparators);
+      if (tokens.size() >= 2) values[tokens[0]] = tokens[1];
+    }
+    auto found = values.find(key);
+    return found != values.end() ? found->second : std::string();
+  } catch (...) {
+    return std::string();
+  }
+}
+
+std::string ConfigFilePath() {
+  try {
+    std::string bundle;
+    std::string directory;
+    if (Platform::GetMainBundlePath(&bundle) && !bundle.empty()) {
+      directory = FileUtil::WithTrailingSeparator(bundle);
+    }
+    return directory + kConfigFileName;
+  } catch (...) {
+    return std::string();
+  }
+}
+
+std::string LogFilePath(const std::string& name) {
+  try {
+    std::string library;
+    if (!FileUtil::GetUserLibraryDirectory(&library)) return std::string();
+    std::string path = library + kLogDirectoryAndPrefix + name + ".txt";
+    std::string directory = path.substr(0, path.rfind('/'));
+    return FileUtil::CreateDirectories(directory) ? path : std::string();
+  } catch (...) {
+    return std::string();
+  }
+}
