@@ -3,6 +3,7 @@
 // A ".xml" file is printed as it is. Any other file is decoded when it
 // carries the marker and printed as it is otherwise.
 #include <getopt.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
@@ -21,7 +22,10 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
+// A usage log is a regular file; a directory "opens" but reads as nothing.
 bool ReadWholeFile(const std::string& path, std::string* contents) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
   std::ostringstream buffer;
