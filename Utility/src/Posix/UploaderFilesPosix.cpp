@@ -1,0 +1,161 @@
+// Linux bindings of UploaderFiles.h: whole-file reads, atomic replacement
+// (temporary file, fsync, rename) and regcomp/regexec matching.
+#include <fcntl.h>
+#include <regex.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include "Posix/ScopedFd.h"
+#include "Posix/UploaderFiles.h"
+
+namespace UploaderFiles {
+namespace {
+
+// Owns a compiled regular expression; frees it only if compiling succeeded.
+class ScopedRegex {
+ public:
+  ScopedRegex(const std::string& pattern, int flags)
+      : compiled_(::regcomp(&regex_, pattern.c_str(), flags) == 0) {}
+  ~ScopedRegex() {
+    if (compiled_) ::regfree(&regex_);
+  }
+  ScopedRegex(const ScopedRegex&) = delete;
+  ScopedRegex& operator=(const ScopedRegex&) = delete;
+
+  bool compiled() const { return compiled_; }
+  const regex_t* get() const { return &regex_; }
+
+ private:
+  regex_t regex_{};
+  bool compiled_;
+};
+
+// Removes a temporary file unless the scope hands it over.
+class ScopedUnlink {
+ public:
+  explicit ScopedUnlink(std::string path) : path_(std::move(path)) {}
+  ~ScopedUnlink() {
+    if (!path_.empty()) ::unlink(path_.c_str());
+  }
+  ScopedUnlink(const ScopedUnlink&) = delete;
+  ScopedUnlink& operator=(const ScopedUnlink&) = delete;
+  void Release() { path_.clear(); }
+
+ private:
+  std::string path_;
+};
+
+bool WriteAll(int fd, const std::string& data) {
+  const char* p = data.data();
+  std::size_t left = data.size();
+  while (left > 0) {
+    ssize_t n = ::write(fd, p, left);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// The path a write to `path` really lands on: a symbolic link is followed so
+// that replacing the file does not replace the link. A dangling link stays.
+std::string ResolveTarget(const std::string& path) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return path;
+  char* real = ::realpath(path.c_str(), nullptr);
+  if (real == nullptr) return path;
+  std::string resolved(real);
+  std::free(real);
+  return resolved;
+}
+
+void SyncDirectory(const std::string& dir) {
+  ScopedFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.is_valid()) ::fsync(fd.get());  // durability only; errors are harmless
+}
+
+}  // namespace
+
+bool ReadWholeFile(const std::string& path, std::string* contents) {
+  if (contents == nullptr || path.empty()) return false;
+  ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.is_valid()) return false;
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0 || S_ISDIR(st.st_mode)) return false;
+  std::string data;
+  std::vector<char> buffer(64 * 1024);
+  for (;;) {
+    ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+    if (n > 0) {
+      data.append(buffer.data(), static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  contents->swap(data);
+  return true;
+}
+
+bool ReplaceFile(const std::string& path, const std::string& contents) {
+  if (path.empty()) return false;
+  const std::string target = ResolveTarget(path);
+
+  mode_t mode = 0644;
+  struct stat st;
+  if (::stat(target.c_str(), &st) == 0) {
+    // Refuse what an open for writing would refuse: a directory or a file
+    // this process may not write.
+    if (S_ISDIR(st.st_mode) || ::access(target.c_str(), W_OK) != 0) return false;
+    mode = st.st_mode & 07777;
+  } else if (errno != ENOENT) {
+    return false;
+  }
+
+  const std::string::size_type slash = target.rfind('/');
+  std::string dir;
+  std::string base;
+  if (slash == std::string::npos) {
+    dir = ".";
+    base = target;
+  } else {
+    dir = slash == 0 ? "/" : target.substr(0, slash);
+    base = target.substr(slash + 1);
+  }
+  if (base.empty()) return false;
+
+  std::string templ = dir + "/." + base + ".tmp-XXXXXX";
+  std::vector<char> name(templ.begin(), templ.end());
+  name.push_back('\0');
+  ScopedFd fd(::mkostemp(name.data(), O_CLOEXEC));
+  if (!fd.is_valid()) return false;
+  const std::string temp_path(name.data());
+  ScopedUnlink cleanup(temp_path);
+
+  if (!WriteAll(fd.get(), contents)) return false;
+  if (::fchmod(fd.get(), mode) != 0) return false;
+  if (::fsync(fd.get()) != 0) return false;
+  if (::close(fd.release()) != 0) return false;
+  if (::rename(temp_path.c_str(), target.c_str()) != 0) return false;
+  cleanup.Release();
+  SyncDirectory(dir);
+  return true;
+}
+
+bool MatchesExtendedRegex(const std::string& text, const std::string& pattern) {
+  ScopedRegex regex(pattern, REG_EXTENDED);
+  if (!regex.compiled()) return false;
+  regmatch_t matches[2];
+  return ::regexec(regex.get(), text.c_str(), 2, matches, 0) == 0;
+}
+
+}  // namespace UploaderFiles

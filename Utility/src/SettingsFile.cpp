@@ -1,0 +1,151 @@
+// The settings-file parser and writer; see SettingsFile.h for the syntax.
+#include "SettingsFile.h"
+
+#include "Posix/UploaderFiles.h"
+#include "StringUtil.h"
+
+namespace {
+
+const char kByteOrderMark[] = "\xEF\xBB\xBF";
+constexpr std::string::size_type kByteOrderMarkSize = 3;
+
+std::string TrimmedLower(const std::string& text) {
+  std::string result = StringUtil::Trim(text, StringUtil::kWhitespace);
+  StringUtil::ToLower(result);
+  return result;
+}
+
+// The section part of a stored path: the text before its first "/".
+std::string SectionOf(const std::string& path) { return path.substr(0, path.find('/')); }
+
+}  // namespace
+
+int SettingsFile::Load(const std::string& path) {
+  entries_.clear();
+  std::string contents;
+  if (!UploaderFiles::ReadWholeFile(path, &contents)) return -1;
+  ParseText(contents);
+  return 0;
+}
+
+int SettingsFile::LoadText(const std::string& text) {
+  ParseText(text);
+  return 0;
+}
+
+void SettingsFile::ParseText(const std::string& text) {
+  std::string section;  // each load starts in the empty section
+  std::string::size_type start = 0;
+  if (text.compare(0, kByteOrderMarkSize, kByteOrderMark) == 0) start = kByteOrderMarkSize;
+  while (start <= text.size()) {
+    std::string::size_type end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    ParseLine(text.substr(start, end - start), &section);
+    start = end + 1;
+  }
+}
+
+void SettingsFile::ParseLine(const std::string& raw_line, std::string* section) {
+  const std::string line = StringUtil::Trim(raw_line, StringUtil::kWhitespace);
+  if (line.empty() || line[0] == '#' || line[0] == ';') return;
+
+  if (line[0] == '[') {
+    const std::string::size_type close = line.find(']');
+    const std::string name =
+        close == std::string::npos ? line.substr(1) : line.substr(1, close - 1);
+    *section = TrimmedLower(name);
+    return;
+  }
+
+  const std::string::size_type equals = line.find('=');
+  std::string key;
+  std::string value;
+  if (equals == std::string::npos) {
+    // A bare word is kept on purpose: it is both key and value.
+    key = line;
+    StringUtil::ToLower(key);
+    value = line;
+  } else {
+    key = TrimmedLower(line.substr(0, equals));
+    value = StringUtil::Trim(line.substr(equals + 1), StringUtil::kWhitespace);
+  }
+  entries_[*section + "/" + key] = value;
+}
+
+int SettingsFile::Save(const std::string& path) const {
+  // Sections are contiguous in the sorted dictionary (every path of section
+  // "s" starts with "s/"), so one pass emits each header once.
+  std::string text;
+  std::string current;
+  bool first = true;
+  for (const auto& entry : entries_) {
+    const std::string::size_type slash = entry.first.find('/');
+    const std::string section = entry.first.substr(0, slash);
+    if (first || section != current) {
+      text += "[" + section + "]\n";
+      current = section;
+      first = false;
+    }
+    text += entry.first.substr(slash == std::string::npos ? entry.first.size() : slash + 1);
+    text += "=" + entry.second + "\n";
+  }
+  return UploaderFiles::ReplaceFile(path, text) ? 0 : -1;
+}
+
+std::string SettingsFile::GetValue(const std::string& section, const std::string& key) const {
+  const auto it = entries_.find(TrimmedLower(section) + "/" + TrimmedLower(key));
+  return it == entries_.end() ? std::string() : it->second;
+}
+
+std::string SettingsFile::SetValue(const std::string& section, const std::string& key,
+                                   const std::string& value) {
+  const std::string s = TrimmedLower(section);
+  const std::string k = TrimmedLower(key);
+  if (s.empty() || k.empty() || s.find('/') != std::string::npos ||
+      k.find('/') != std::string::npos) {
+    return std::string();
+  }
+  return StoreAt(s + "/" + k, value);
+}
+
+std::string SettingsFile::SetValueAt(const std::string& path, const std::string& value) {
+  const std::string p = TrimmedLower(path);
+  if (p.empty() || p.find('/') == std::string::npos) return std::string();
+  return StoreAt(p, value);
+}
+
+std::string SettingsFile::StoreAt(const std::string& path, const std::string& value) {
+  // The trim only decides emptiness; a non-empty value is kept as given.
+  if (StringUtil::Trim(value, StringUtil::kWhitespace).empty()) {
+    entries_.erase(path);
+    return std::string();
+  }
+  entries_[path] = value;
+  return value;
+}
+
+void SettingsFile::GetSectionEntries(const std::string& section, EntryList* entries) const {
+  if (entries == nullptr) return;
+  for (const auto& entry : entries_) {
+    const std::string::size_type slash = entry.first.find('/');
+    if (slash == std::string::npos) continue;
+    if (entry.first.compare(0, slash, section) == 0 && slash == section.size()) {
+      entries->emplace_back(entry.first.substr(slash + 1), entry.second);
+    }
+  }
+}
+
+int SettingsFile::RemoveSection(const std::string& section) {
+  if (section.empty() || section == "*") {
+    entries_.clear();
+    return 0;
+  }
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    if (SectionOf(it->first) == section) {
+      it = entries_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return 0;
+}
