@@ -1,9 +1,9 @@
 // End-to-end runs of the built crash-processor under a temporary HOME: the
 // exit statuses, the exact bytes of the usage logs it leaves, which session
 // files remain, and its diagnostic log.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,10 +15,13 @@
 #include "Preferences.h"
 #include "TestSupport.h"
 
+using testing_support::CrashDocument;
 using testing_support::ListNames;
 using testing_support::MakeDirs;
+using testing_support::MaskTimes;
 using testing_support::PathExists;
 using testing_support::ReadFile;
+using testing_support::Rot47;
 using testing_support::RunProgram;
 using testing_support::RunResult;
 using testing_support::ScopedHome;
@@ -29,43 +32,6 @@ namespace {
 
 constexpr const char* kMarker = "K-Q$mw#$zRTd8pofupin";
 constexpr const char* kDomain = "com.quorvik.lumetryqx";
-
-std::string Rot47(std::string text) {
-  for (char& c : text) {
-    const auto b = static_cast<unsigned char>(c);
-    if (b >= 33 && b <= 126) c = static_cast<char>(b + 47 <= 126 ? b + 47 : b - 47);
-  }
-  return text;
-}
-
-// The exact document of one crash session, with every time stamp as "T".
-std::string ExpectedDocument(const std::string& id, const std::string& family,
-                             const std::string& name, const std::string& machineId) {
-  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-         "\n"
-         "<UsageDoc version=\"0.5.5\">\n"
-         "<StartSession id=\"" + id + "\" time=\"T\" seq=\"0\" />\n"
-         "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
-         "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
-         "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
-         "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
-         "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
-         "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" data=\"" + name +
-         "\" seq=\"6\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"" + family +
-         "\" seq=\"7\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"" + machineId +
-         "\" seq=\"8\" />\n"
-         "<EndSession id=\"" + id + "\" time=\"T\" seq=\"9\" />\n"
-         "</UsageDoc>\n";
-}
-
-std::string MaskTimes(const std::string& text) {
-  static const std::regex kTime("time=\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ\"");
-  return std::regex_replace(text, kTime, "time=\"T\"");
-}
 
 class CrashRunTest : public ::testing::Test {
  protected:
@@ -92,8 +58,7 @@ class CrashRunTest : public ::testing::Test {
 
   std::string MachineId() {
     std::string id;
-    GetPreferenceString("MachineID", kDomain, &id, PrefUser::kCurrentUser,
-                        PrefHost::kCurrentHost);
+    GetPreferenceString("MachineID", kDomain, &id, PrefUser::kCurrentUser, PrefHost::kCurrentHost);
     return id;
   }
 
@@ -139,8 +104,7 @@ TEST_F(CrashRunTest, ScrambledCrashLogByDefault) {
   EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
   const std::string id = MachineId();
   EXPECT_EQ(id.size(), 36u);
-  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"),
-            ExpectedDocument("S1", "Fam", "Name", id));
+  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), CrashDocument("S1", "Fam", "Name", id));
   EXPECT_EQ(testing_support::FileMode(LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), 0600);
   EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"a_b_c_d_e_f_g_Prod.info"});
 }
@@ -153,10 +117,8 @@ TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
     const char* extension;
   };
   const Case cases[] = {
-      {"zero", true, 0, ".xml"},
-      {"one", true, 1, ".rdy"},
-      {"other number", true, 7, ".xml"},
-      {"negative", true, -1, ".xml"},
+      {"zero", true, 0, ".xml"},         {"one", true, 1, ".rdy"},
+      {"other number", true, 7, ".xml"}, {"negative", true, -1, ".xml"},
       {"string", false, 0, ".rdy"},
   };
   MakeLogDir();
@@ -176,7 +138,7 @@ TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
     std::string bytes;
     ASSERT_TRUE(ReadFile(LogDir() + file, &bytes));
     EXPECT_EQ(bytes.compare(0, 20, kMarker) == 0, std::string(c.extension) == ".rdy");
-    EXPECT_EQ(Decoded(file), ExpectedDocument("S9", "Fam", "Name", MachineId()));
+    EXPECT_EQ(Decoded(file), CrashDocument("S9", "Fam", "Name", MachineId()));
     ASSERT_EQ(::unlink((LogDir() + file).c_str()), 0);
   }
 }
@@ -202,7 +164,7 @@ TEST_F(CrashRunTest, PidMatchesAsSubstring) {
   Plant("3_F_N_SC_KC_x_y_Prod.99");
   EXPECT_EQ(Run({"Prod", "12"}).status, 0);
   EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy",
-                                                          "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
+                                                           "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
   EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"3_F_N_SC_KC_x_y_Prod.99"});
 }
 
@@ -215,8 +177,8 @@ TEST_F(CrashRunTest, MissingLogDirectoryStillConsumesTheFiles) {
 
 TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   MakeLogDir();
-  ASSERT_TRUE(SetPreferenceNumber("obfuscate", kDomain, 0, PrefUser::kCurrentUser,
-                                  PrefHost::kCurrentHost));
+  ASSERT_TRUE(
+      SetPreferenceNumber("obfuscate", kDomain, 0, PrefUser::kCurrentUser, PrefHost::kCurrentHost));
   const std::string file = LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.xml";
   const std::string tail = "TAIL-OF-AN-OLDER-AND-LONGER-DOCUMENT";
   ASSERT_TRUE(WriteFile(file, std::string(2000, 'x') + tail));
@@ -226,7 +188,7 @@ TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   std::string bytes;
   ASSERT_TRUE(ReadFile(file, &bytes));
   ASSERT_EQ(bytes.size(), 2000 + tail.size());
-  const std::string doc = ExpectedDocument("S1", "Fam", "Name", MachineId());
+  const std::string doc = CrashDocument("S1", "Fam", "Name", MachineId());
   const size_t written = bytes.find("</UsageDoc>\n") + std::string("</UsageDoc>\n").size();
   EXPECT_EQ(MaskTimes(bytes.substr(0, written)), doc);
   EXPECT_EQ(bytes.substr(written), std::string(2000 - written, 'x') + tail);
@@ -256,7 +218,7 @@ TEST_F(CrashRunTest, NamesThatAreNotUtf8AreHandledAsBytes) {
   const std::string log = "ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy";
   ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{log});
   // The crashed product's name is not text: it is written as NOVALUE.
-  EXPECT_EQ(Decoded(log), ExpectedDocument("S\xc3", "Fam", "NOVALUE", MachineId()));
+  EXPECT_EQ(Decoded(log), CrashDocument("S\xc3", "Fam", "NOVALUE", MachineId()));
   EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
 }
 
@@ -306,7 +268,7 @@ TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
     for (int s = 0; s < 12; ++s) {
       const std::string n = std::to_string(s);
       EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K" + n + "_S" + n + "_0.rdy"),
-                ExpectedDocument("S" + n, "Fam", "Name", id));
+                CrashDocument("S" + n, "Fam", "Name", id));
     }
   }
 }

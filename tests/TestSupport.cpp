@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -65,9 +66,7 @@ ScopedTempDir::ScopedTempDir() {
 
 ScopedTempDir::~ScopedTempDir() { RemoveTree(path_); }
 
-std::string ScopedTempDir::Sub(const std::string& relative) const {
-  return path_ + "/" + relative;
-}
+std::string ScopedTempDir::Sub(const std::string& relative) const { return path_ + "/" + relative; }
 
 ScopedEnv::ScopedEnv(const std::string& name, const std::string& value) : name_(name) {
   const char* old = std::getenv(name.c_str());
@@ -144,8 +143,48 @@ int FileMode(const std::string& path) {
   return static_cast<int>(st.st_mode & 07777);
 }
 
-RunResult RunProgram(const std::vector<std::string>& argv,
-                     const std::vector<std::string>& env) {
+std::string CrashDocument(const std::string& id, const std::string& crashFamily,
+                          const std::string& crashName, const std::string& machineId) {
+  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n"
+         "<StartSession id=\"" +
+         id +
+         "\" time=\"T\" seq=\"0\" />\n"
+         "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
+         "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
+         "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
+         "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
+         "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
+         "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" data=\"" +
+         crashName +
+         "\" seq=\"6\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"" +
+         crashFamily +
+         "\" seq=\"7\" />\n"
+         "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"" +
+         machineId +
+         "\" seq=\"8\" />\n"
+         "<EndSession id=\"" +
+         id +
+         "\" time=\"T\" seq=\"9\" />\n"
+         "</UsageDoc>\n";
+}
+
+std::string MaskTimes(const std::string& text) {
+  static const std::regex kStamp(R"(time="\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")");
+  return std::regex_replace(text, kStamp, "time=\"T\"");
+}
+
+std::string Rot47(std::string text) {
+  for (char& c : text) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b >= 33 && b <= 126) c = static_cast<char>(b + 47 <= 126 ? b + 47 : b - 47);
+  }
+  return text;
+}
+
+RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   RunResult result;
   if (argv.empty()) return result;
 

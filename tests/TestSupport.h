@@ -54,14 +54,23 @@ bool ReadFile(const std::string& path, std::string* contents);
 // Creates missing parent directories; false on any failure.
 bool WriteFile(const std::string& path, const std::string& contents);
 bool MakeDirs(const std::string& path);
-bool PathExists(const std::string& path);  // lstat: links count as present
+bool PathExists(const std::string& path);                    // lstat: links count as present
 std::vector<std::string> ListNames(const std::string& dir);  // sorted, no . and ..
-int FileMode(const std::string& path);  // permission bits, or -1
+int FileMode(const std::string& path);                       // permission bits, or -1
+
+// The ten-element crash document with every time stamp written as "T".
+// The arguments are the attribute texts as written (already escaped).
+std::string CrashDocument(const std::string& id, const std::string& crashFamily,
+                          const std::string& crashName, const std::string& machineId);
+// Replaces every time="YYYY-MM-DDThh:mm:ssZ" by time="T".
+std::string MaskTimes(const std::string& text);
+// ROT47 over every byte, written independently of the product's code.
+std::string Rot47(std::string text);
 
 struct RunResult {
-  int status = -1;         // exit status, or 128 + signal number
-  std::string out;         // standard output
-  std::string err;         // standard error
+  int status = -1;  // exit status, or 128 + signal number
+  std::string out;  // standard output
+  std::string err;  // standard error
 };
 
 // Runs `argv` (argv[0] is the program path) with its standard input on
