@@ -1,6 +1,5 @@
-// The crash mini-session writer: file names, the exact document, the
-// scrambled form, writing over an existing file, and every way the open can
-// fail (missing directory, lock held elsewhere, planted symbolic link).
+// The crash mini-session writer: the exact document in both forms, writing
+// over an older file, and the failed opens with their diagnostic traces.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -8,8 +7,6 @@
 
 #include <cstdlib>
 #include <regex>
-#include <sstream>
-#include <utility>
 
 #include "MiniSession.h"
 #include "PlatformPaths.h"
@@ -25,166 +22,112 @@ MiniSession MakeSession(const std::string& dir, bool scramble) {
   return MiniSession(dir, "LumetryQX", "AppCrash", "SID-7", "KEY42", scramble);
 }
 
-// The crash document with every time stamp written as "T".
-const std::string kDocument =
-    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n"
-    "<StartSession id=\"SID-7\" time=\"T\" seq=\"0\" />\n"
-    "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
-    "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
-    "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
-    "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
-    "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
-    "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
-    "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
-    "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" data=\"Host &#38; Co\" "
-    "seq=\"6\" />\n"
-    "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"HostFamily\" "
-    "seq=\"7\" />\n"
-    "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"MACHINE\" seq=\"8\" />\n"
-    "<EndSession id=\"SID-7\" time=\"T\" seq=\"9\" />\n</UsageDoc>\n";
-
-std::string MaskTimes(const std::string& text) {
-  static const std::regex stamp(R"(time="\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")");
-  return std::regex_replace(text, stamp, "time=\"T\"");
-}
-
-void WriteCrashFile(const std::string& dir, bool scramble) {
-  MiniSession session = MakeSession(dir, scramble);
-  EXPECT_EQ(0, session.CreateCrashFile("MACHINE", "HostFamily", "Host & Co"));
-}
-
 }  // namespace
 
 TEST(MiniSession, WritesTheCrashDocumentPlainOrScrambled) {
-  struct Case {
-    bool scramble;
-    std::string dirSuffix, extension;
-  } cases[] = {{true, "", ".rdy"}, {false, "", ".xml"}, {false, "/", ".xml"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.extension + c.dirSuffix);
+  const std::tuple<bool, std::string, std::string> cases[] = {
+      {true, "", ".rdy"}, {false, "", ".xml"}, {false, "/", ".xml"}};
+  for (const auto& [scramble, dirSuffix, extension] : cases) {
+    SCOPED_TRACE(extension + dirSuffix);
     ScopedTempDir dir;
-    WriteCrashFile(dir.path() + c.dirSuffix, c.scramble);
-    ASSERT_EQ(std::vector<std::string>{kName + c.extension}, ListNames(dir.path()));
-    std::string path = dir.Sub(kName + c.extension), contents;
+    MiniSession session = MakeSession(dir.path() + dirSuffix, scramble);
+    EXPECT_EQ(0, session.CreateCrashFile("MACHINE", "HostFamily", "Host & Co"));
+    ASSERT_EQ(std::vector<std::string>{kName + extension}, ListNames(dir.path()));
+    std::string path = dir.Sub(kName + extension), contents;
+    EXPECT_EQ(path, session.path());
     ASSERT_TRUE(ReadFile(path, &contents));
     EXPECT_EQ(0600, FileMode(path));
-    if (c.scramble) {
-      ASSERT_EQ(std::string("K-Q$mw#$zRTd8pofupin"), contents.substr(0, 20));
-      contents = MiniSession::UnscrambleText(contents.substr(20));
+    if (scramble) {
+      ASSERT_EQ("K-Q$mw#$zRTd8pofupin", contents.substr(0, 20));
+      contents = Rot47(contents.substr(20));
     }
-    EXPECT_EQ(kDocument, MaskTimes(contents));
+    EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "MACHINE"),
+              MaskTimes(contents));
   }
 }
 
-TEST(MiniSession, Rot47RotatesPrintableAsciiOnly) {
-  EXPECT_EQ("w6==@[ (@C=5P", MiniSession::ScrambleText("Hello, World!"));
-  EXPECT_EQ("2 \n\t\x7f\xc3\xa9", MiniSession::ScrambleText("a \n\t\x7f\xc3\xa9"));
-  EXPECT_EQ("PO~", MiniSession::ScrambleText("!~O"));
-  EXPECT_EQ("", MiniSession::ScrambleText(nullptr));
-  std::string all;
+TEST(MiniSession, ScramblesEveryByteAndWritesBytesAsTheyAre) {
+  std::string all(1, '\0');
   for (int b = 1; b < 256; ++b) all += static_cast<char>(b);
-  EXPECT_EQ(all, MiniSession::UnscrambleText(MiniSession::ScrambleText(all.c_str())));
-}
+  EXPECT_EQ(Rot47(all), MiniSession::UnscrambleText(all));
+  EXPECT_EQ(Rot47(all.substr(1)), MiniSession::ScrambleText(all.c_str() + 1));
+  EXPECT_EQ("", MiniSession::ScrambleText(nullptr));
 
-TEST(MiniSession, SecondSessionWritesOverTheFileFromItsStart) {
   ScopedTempDir dir;
-  std::string path = dir.Sub(kName + ".xml"), contents;
-  const std::string old(5000, 'Z');
-  ASSERT_TRUE(WriteFile(path, old));
-  // An empty machine identity is written as NOVALUE.
-  MakeSession(dir.path(), false).CreateCrashFile("", "HostFamily", "Host & Co");
-  ASSERT_TRUE(ReadFile(path, &contents));
-  size_t end = contents.find("</UsageDoc>\n") + 12;
-  ASSERT_LT(end, old.size());
-  std::string expected = kDocument;
-  expected.replace(expected.find("MACHINE"), 7, "NOVALUE");
-  EXPECT_EQ(expected, MaskTimes(contents.substr(0, end)));
-  EXPECT_EQ(old.substr(end), contents.substr(end));
-}
-
-TEST(MiniSession, WriteStatuses) {
-  ScopedTempDir dir;
-  std::string path = dir.Sub(kName + ".rdy"), contents;
   MiniSession session = MakeSession(dir.path(), true);
   EXPECT_EQ(-1, session.Write(nullptr));
   EXPECT_EQ(dir.path(), session.path());  // nothing attempted yet
-  // Bytes that are not UTF-8 are still written.
+  EXPECT_EQ(-2, MakeSession(dir.Sub("absent"), true).Write("x"));
   EXPECT_EQ(0, session.Write("ab\xff"));
   EXPECT_EQ(0, session.Write("c"));
-  ASSERT_TRUE(ReadFile(path, &contents));
+  std::string contents;
+  ASSERT_TRUE(ReadFile(dir.Sub(kName + ".rdy"), &contents));
   EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xff" + "4", contents);
 }
 
-TEST(MiniSession, FailedOpenWritesNothingAndGrowsThePath) {
-  for (int kind = 0; kind < 3; ++kind) {  // missing directory, lock held elsewhere, planted link
-    SCOPED_TRACE(kind);
-    ScopedTempDir tmp;
-    std::string dir = kind == 0 ? tmp.Sub("absent") : tmp.path();
-    std::string path = dir + "/" + kName + ".xml", other = tmp.Sub("other"), contents;
-    ASSERT_TRUE(WriteFile(other, "keep"));
-    if (kind == 1) {
-      ASSERT_EQ(0, ::link(other.c_str(), path.c_str()));
-    }
-    if (kind == 2) {
-      ASSERT_EQ(0, ::symlink(other.c_str(), path.c_str()));
-    }
-    int holder = ::open(other.c_str(), O_RDONLY);
-    if (kind == 1) {
-      ASSERT_EQ(0, ::flock(holder, LOCK_EX | LOCK_NB));
-    }
-
-    MiniSession session = MakeSession(dir, false);
-    EXPECT_EQ(-2, session.Write("text"));
-    EXPECT_EQ(path, session.path());
-    EXPECT_EQ(-2, session.Write("text"));
-    EXPECT_EQ(path + "/" + kName + ".xml", session.path());  // one level deeper
-    ::close(holder);
-    EXPECT_TRUE(ReadFile(other, &contents) && contents == "keep");
-    EXPECT_EQ(kind == 0 ? 1u : 2u, ListNames(tmp.path()).size());
-  }
+// The second session over a longer first one (closed, so unlocked) writes
+// from the first byte and leaves the first one's tail.
+TEST(MiniSession, SecondSessionWritesOverTheFileFromItsStart) {
+  ScopedTempDir dir;
+  const std::string path = dir.Sub(kName + ".xml");
+  std::string first, second;
+  MakeSession(dir.path(), false).CreateCrashFile(std::string(3000, 'M'), "HostFamily", "Host & Co");
+  ASSERT_TRUE(ReadFile(path, &first));
+  MakeSession(dir.path(), false).CreateCrashFile("", "HostFamily", "Host & Co");
+  ASSERT_TRUE(ReadFile(path, &second));
+  ASSERT_EQ(first.size(), second.size());
+  const size_t end = second.find("</UsageDoc>\n") + 12;
+  EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "NOVALUE"),
+            MaskTimes(second.substr(0, end)));
+  EXPECT_EQ(first.substr(end), second.substr(end));
 }
 
 // The logger is settled once per process, so the sessions run in a fresh copy
 // of this test binary whose HOME and main bundle point into a sandbox.
-TEST(MiniSession, TracesEachStepToTheDiagnosticLog) {
-  if (const char* root = std::getenv("MINISESSION_TRACE_ROOT")) {
+TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
+  if (const char* root = std::getenv("MINISESSION_ROOT")) {
     Platform::SetMainBundlePathForTesting(std::string(root) + "/bundle");
-    MakeSession(std::string(root) + "/absent", false).CreateCrashFile("M", "F", "P");
-    MakeSession(std::string(root) + "/logs", true).CreateCrashFile("M", "F", "P");
+    for (const char* dir : {"/absent", "/locked", "/link", "/logs"})  // only the last opens
+      MakeSession(root + std::string(dir), true).CreateCrashFile("M", "F", "P");
     return;
   }
   ScopedTempDir box;
-  std::string home = box.Sub("home"), logs = box.Sub("logs"), absent = box.Sub("absent");
-  ASSERT_TRUE(MakeDirs(home) && MakeDirs(logs) && WriteFile(box.Sub("bundle/VxLog.config"), ""));
-  RunResult run =
-      RunProgram({"/proc/self/exe", "--gtest_filter=MiniSession.TracesEachStepToTheDiagnosticLog"},
-                 {"HOME=" + home, "MINISESSION_TRACE_ROOT=" + box.path()});
+  const std::string home = box.Sub("home"), held = box.Sub("held"), target = box.Sub("target");
+  ASSERT_TRUE(MakeDirs(home) && MakeDirs(box.Sub("logs")) && MakeDirs(box.Sub("locked")) &&
+              MakeDirs(box.Sub("link")) && WriteFile(box.Sub("bundle/VxLog.config"), "") &&
+              WriteFile(held, "keep") && WriteFile(target, "keep"));
+  ASSERT_EQ(0, ::link(held.c_str(), (box.Sub("locked/") + kName + ".rdy").c_str()));
+  ASSERT_EQ(0, ::symlink(target.c_str(), (box.Sub("link/") + kName + ".rdy").c_str()));
+  const int holder = ::open(held.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, ::flock(holder, LOCK_EX | LOCK_NB));
+  RunResult run = RunProgram({"/proc/self/exe", "--gtest_filter=MiniSession.FailedOpens*"},
+                             {"HOME=" + home, "MINISESSION_ROOT=" + box.path()});
+  ::close(holder);
   ASSERT_EQ(0, run.status) << run.out << run.err;
-  EXPECT_FALSE(PathExists(absent));
-
-  using Trace = std::pair<std::string, int>;
-  std::vector<Trace> expected{{"MiniSession::CreateCrashFile", 214}};
-  std::string grown = absent;
-  for (int i = 0; i < 10; ++i) {
-    grown += "/" + kName + ".xml";
-    expected.push_back({"MiniSession::Write: " + grown, 176});
-    expected.push_back({"MiniSession::Write", 182});
-  }
-  expected.push_back({"MiniSession::CreateCrashFile", 214});
-  expected.push_back({"MiniSession::Write: " + logs + "/" + kName + ".rdy", 176});
-  expected.push_back({"MiniSession::Write", 156});
-  for (int i = 0; i < 10; ++i) expected.push_back({"MiniSession::Write", 201});
-
+  EXPECT_FALSE(PathExists(box.Sub("absent")));
   std::string text;
+  // Neither the locked file nor the link's target is written.
+  EXPECT_TRUE(ReadFile(held, &text) && text == "keep" && ReadFile(target, &text) && text == "keep");
+
+  std::string expected;
+  const auto trace = [&](int line, const std::string& value) {
+    expected += std::to_string(line) + " " + value + "\n";
+  };
+  for (const char* dir : {"/absent", "/locked", "/link"}) {
+    trace(214, "MiniSession::CreateCrashFile");
+    std::string grown = box.path() + dir;
+    for (int i = 0; i < 10; ++i) {
+      grown += "/" + kName + ".rdy";
+      trace(176, "MiniSession::Write: " + grown);
+      trace(182, "MiniSession::Write");
+    }
+  }
+  trace(214, "MiniSession::CreateCrashFile");
+  trace(176, "MiniSession::Write: " + box.Sub("logs/") + kName + ".rdy");
+  trace(156, "MiniSession::Write");
+  for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
   ASSERT_TRUE(ReadFile(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &text));
-  std::istringstream in(text);
-  std::vector<Trace> actual;
   const std::regex format(R"(\[DEBUG\] \| PID:\d+ \| TIME:\S+ \| VALUE:(.*) \| )"
                           R"(DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
-  for (std::string line; std::getline(in, line);) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(line, m, format)) << line;
-    actual.push_back({m[1], std::stoi(m[2])});
-  }
-  EXPECT_EQ(expected, actual);
+  EXPECT_EQ(expected, std::regex_replace(text, format, "$2 $1"));
 }

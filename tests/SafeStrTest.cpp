@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <tuple>
 
@@ -9,6 +8,9 @@
 #include "TestSupport.h"
 
 namespace {
+
+// A status with the text it left in the buffer, as "status:text".
+std::string Result(int status, const char* dst) { return std::to_string(status) + ":" + dst; }
 
 TEST(SafeStrTest, MemoryFunctionsRefuseWithoutCopying) {
   char dst[4] = {'a', 'b', 'c', 'd'};
@@ -36,25 +38,16 @@ TEST(SafeStrTest, StrTokStopsInsideAnUnterminatedBuffer) {
 
 TEST(SafeStrTest, StringFunctionsTruncateAndStayInBounds) {
   char dst[4];
-  EXPECT_EQ(SafeStr::StrCpy(dst, sizeof dst, "abcdef"), -2);
-  EXPECT_STREQ(dst, "abc");
-  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abcdef", 2), 0);
-  EXPECT_STREQ(dst, "ab");
-  EXPECT_EQ(SafeStr::StrNCat(dst, sizeof dst, "xyz", 1), 0);
-  EXPECT_STREQ(dst, "abx");
-  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abcd", 4), -2);
-  EXPECT_STREQ(dst, "abc");
-  EXPECT_EQ(SafeStr::StrNCpy(dst, sizeof dst, "abc", 0), 0);
-  EXPECT_STREQ(dst, "");
-  EXPECT_EQ(SafeStr::StrCat(dst, sizeof dst, "ab"), 0);
-  EXPECT_EQ(SafeStr::StrCat(dst, sizeof dst, "cd"), -2);
-  EXPECT_STREQ(dst, "abc");
-
-  char unterminated[3] = {'x', 'y', 'z'};
-  EXPECT_EQ(SafeStr::StrCat(unterminated, sizeof unterminated, "a"), -1);
-  EXPECT_STREQ(unterminated, "");
-  EXPECT_EQ(SafeStr::StrCpy(dst, sizeof dst, nullptr), -1);
-  EXPECT_STREQ(dst, "");
+  EXPECT_EQ("-2:abc", Result(SafeStr::StrCpy(dst, sizeof dst, "abcdef"), dst));
+  EXPECT_EQ("0:ab", Result(SafeStr::StrNCpy(dst, sizeof dst, "abcdef", 2), dst));
+  EXPECT_EQ("0:abx", Result(SafeStr::StrNCat(dst, sizeof dst, "xyz", 1), dst));
+  EXPECT_EQ("-2:abc", Result(SafeStr::StrNCpy(dst, sizeof dst, "abcd", 4), dst));
+  EXPECT_EQ("0:", Result(SafeStr::StrNCpy(dst, sizeof dst, "abc", 0), dst));
+  EXPECT_EQ("0:ab", Result(SafeStr::StrCat(dst, sizeof dst, "ab"), dst));
+  EXPECT_EQ("-2:abc", Result(SafeStr::StrCat(dst, sizeof dst, "cd"), dst));
+  EXPECT_EQ("-1:", Result(SafeStr::StrCpy(dst, sizeof dst, nullptr), dst));
+  char unterminated[4] = {'x', 'y', 'z', 'w'};
+  EXPECT_EQ("-1:", Result(SafeStr::StrCat(unterminated, sizeof unterminated, "a"), unterminated));
   EXPECT_EQ(SafeStr::StrNCpy(nullptr, 0, "a", 0), 0);
   EXPECT_EQ(SafeStr::StrCat(nullptr, 0, "a"), 0);
 
@@ -69,16 +62,12 @@ TEST(SafeStrTest, StringFunctionsTruncateAndStayInBounds) {
 
 TEST(SafeStrTest, FormattingReportsTruncation) {
   char dst[4];
-  EXPECT_EQ(SafeStr::SPrintf(dst, sizeof dst, "%d", 123), 3);
-  EXPECT_EQ(SafeStr::SPrintf(dst, sizeof dst, "%d", 1234), -2);
-  EXPECT_STREQ(dst, "123");
-  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 10, "%s", "abcdef"), -2);
-  EXPECT_STREQ(dst, "abc");
-  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 2, "%s", "abcdef"), 6);
-  EXPECT_STREQ(dst, "ab");
-  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, 0, "%s", "abc"), 0);
-  EXPECT_STREQ(dst, "");
-  EXPECT_EQ(SafeStr::SNPrintf(dst, sizeof dst, SIZE_MAX, "%s", "ab"), 2);
+  EXPECT_EQ("3:123", Result(SafeStr::SPrintf(dst, sizeof dst, "%d", 123), dst));
+  EXPECT_EQ("-2:123", Result(SafeStr::SPrintf(dst, sizeof dst, "%d", 1234), dst));
+  EXPECT_EQ("-2:abc", Result(SafeStr::SNPrintf(dst, sizeof dst, 10, "%s", "abcdef"), dst));
+  EXPECT_EQ("6:ab", Result(SafeStr::SNPrintf(dst, sizeof dst, 2, "%s", "abcdef"), dst));
+  EXPECT_EQ("0:", Result(SafeStr::SNPrintf(dst, sizeof dst, 0, "%s", "abc"), dst));
+  EXPECT_EQ("2:ab", Result(SafeStr::SNPrintf(dst, sizeof dst, SIZE_MAX, "%s", "ab"), dst));
   EXPECT_EQ(SafeStr::SNPrintf(nullptr, 0, 0, "%s", "abc"), 0);
   EXPECT_EQ(SafeStr::SPrintf(dst, 0, "%s", "abc"), -1);
   EXPECT_EQ(SafeStr::WPrintf(nullptr), -1);
@@ -94,17 +83,14 @@ TEST(SafeStrTest, NumberConversion) {
   };
   for (const auto& [value, radix, status, size, text] : cases) {
     char dst[16] = "junk";
-    EXPECT_EQ(SafeStr::IToA(value, dst, size, radix), status) << value << " radix " << radix;
-    EXPECT_STREQ(dst, text) << value << " radix " << radix;
+    EXPECT_EQ(Result(status, text), Result(SafeStr::IToA(value, dst, size, radix), dst))
+        << value << " radix " << radix;
   }
   char dst[24];
-  EXPECT_EQ(SafeStr::I64ToA(-4294967295, dst, sizeof dst, 10), 0);
-  EXPECT_STREQ(dst, "-4294967295");
-  EXPECT_EQ(SafeStr::I64ToA(INT64_MIN, dst, sizeof dst, 16), 0);
-  EXPECT_STREQ(dst, "8000000000000000");
+  EXPECT_EQ("0:-4294967295", Result(SafeStr::I64ToA(-4294967295, dst, sizeof dst, 10), dst));
+  EXPECT_EQ("0:8000000000000000", Result(SafeStr::I64ToA(INT64_MIN, dst, sizeof dst, 16), dst));
   // Digits come from the low 32 bits, so 2^32 in radix 10 ends in 0, not 6.
-  EXPECT_EQ(SafeStr::UI64ToA(4294967296u, dst, sizeof dst, 10), 0);
-  EXPECT_STREQ(dst, "4294967290");
+  EXPECT_EQ("0:4294967290", Result(SafeStr::UI64ToA(4294967296u, dst, sizeof dst, 10), dst));
   EXPECT_EQ(SafeStr::UI64ToA(1, nullptr, 8, 10), -1);
 }
 

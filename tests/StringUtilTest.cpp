@@ -44,22 +44,14 @@ TEST(StringUtilTest, SplitDropsEmptyTokens) {
   EXPECT_EQ(kept, (Tokens{"x", "y"}));
 }
 
+// Overlong forms, a surrogate, a value above U+10FFFF, a cut sequence and
+// bytes that never start one are refused.
 TEST(StringUtilTest, Utf8ValidationIsStrict) {
-  const std::pair<const char*, bool> cases[] = {
-      {"plain", true},
-      {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", true},  // 2, 3 and 4 byte forms
-      {"\xF4\x8F\xBF\xBF", true},                      // U+10FFFF
-      {"\xC0\xAF", false},                             // overlong "/"
-      {"\xE0\x80\xAF", false},                         // overlong, 3 bytes
-      {"\xF0\x80\x80\xAF", false},                     // overlong, 4 bytes
-      {"\xED\xA0\x80", false},                         // surrogate
-      {"\xF4\x90\x80\x80", false},                     // above U+10FFFF
-      {"\xE2\x82", false},                             // truncated
-      {"\x80", false},                                 // stray continuation
-      {"\xFF", false},
-  };
-  for (const auto& [bytes, valid] : cases)
-    EXPECT_EQ(StringUtil::IsValidUTF8(bytes), valid) << bytes;
+  for (const char* valid : {"plain", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF"})
+    EXPECT_TRUE(StringUtil::IsValidUTF8(valid)) << valid;
+  for (const char* invalid : {"\xC0\xAF", "\xE0\x80\xAF", "\xF0\x80\x80\xAF", "\xED\xA0\x80",
+                              "\xF4\x90\x80\x80", "\xE2\x82", "\x80", "\xFF"})
+    EXPECT_FALSE(StringUtil::IsValidUTF8(invalid)) << invalid;
   EXPECT_TRUE(StringUtil::IsValidUTF8(nullptr, 0));
   EXPECT_FALSE(StringUtil::IsValidUTF8(nullptr, 3));
 }

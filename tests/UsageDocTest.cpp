@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "TestSupport.h"
 #include "UsageDoc.h"
 
 namespace {
@@ -51,23 +52,8 @@ TEST(UsageDocTest, TenElementDocumentIsExact) {
   record(b, "MachineID", "0A1B");
   doc += UsageDoc::EndFragment(id, "T", counters.NextSeq());
 
-  EXPECT_EQ(
-      doc,
-      "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n"
-      "<StartSession id=\"K\"1\" time=\"T\" seq=\"0\" />\n"
-      "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
-      "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
-      "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
-      "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
-      "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
-      "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
-      "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
-      "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" "
-      "data=\"Tom &#38; Jerry&#39;s\" seq=\"6\" />\n"
-      "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"NOVALUE\" "
-      "seq=\"7\" />\n"
-      "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"0A1B\" seq=\"8\" />\n"
-      "<EndSession id=\"K\"1\" time=\"T\" seq=\"9\" />\n</UsageDoc>\n");
+  EXPECT_EQ(doc,
+            testing_support::CrashDocument("K\"1", "NOVALUE", "Tom &#38; Jerry&#39;s", "0A1B"));
 }
 
 }  // namespace

@@ -8,15 +8,14 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <new>
 
 #include "FileUtil.h"
 #include "PlatformPaths.h"
 #include "StringUtil.h"
+#include "UsageDoc.h"
 
 namespace {
 
@@ -26,7 +25,8 @@ constexpr const char* kConfigSeparators = " =;,";
 constexpr std::size_t kConfigLineBuffer = 512;
 
 struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
+  // Nothing is ever written through it, so a failing close loses nothing.
+  void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
 
 // Handed out only when building the real logger failed (out of memory).
@@ -111,17 +111,11 @@ void Logger::Info(const std::string& value, const std::string& file, std::int32_
 
 void Logger::Log(const std::string& level, const std::string& value, const std::string& detail) {
   try {
-    if (stream_ == nullptr || stream_->fail() || stream_->bad()) return;
-    char time[256] = "";
-    std::time_t now = std::time(nullptr);
-    std::tm utc;
-    if (gmtime_r(&now, &utc) != nullptr) {
-      std::strftime(time, sizeof time, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    }
+    if (stream_ == nullptr || stream_->fail()) return;  // fail() covers a bad stream too
     std::string line;
     line.append("[").append(level).append("]");
     line.append(" | PID:").append(std::to_string(static_cast<long>(::getpid())));
-    line.append(" | TIME:").append(time);
+    line.append(" | TIME:").append(UsageDoc::CurrentTime());
     line.append(" | VALUE:").append(value);
     line.append(" | DETAIL:").append(detail);
     // One write per line, flushed at once, so an abrupt end loses nothing.
@@ -132,17 +126,17 @@ void Logger::Log(const std::string& level, const std::string& value, const std::
 }
 
 Logger& Logger::Instance(const std::string& name) {
-  static bool haveConfigPath = false;
-  static std::size_t configPathIndex = 0;
   static Logger* logger = nullptr;
   static LoggerFile* loggerFile = nullptr;
   try {
     GlobalItemRegistry& registry = GlobalItemRegistry::Get();
-    if (!haveConfigPath) {
-      configPathIndex = registry.ConfigPaths().size();
+    // Looked up on the first call only; a path that could not be kept (out of
+    // memory) leaves the index past the end, which reads as no configuration.
+    static const std::size_t configPathIndex = [&registry] {
+      const std::size_t index = registry.ConfigPaths().size();
       registry.AddConfigPath(ConfigFilePath());
-      haveConfigPath = true;
-    }
+      return index;
+    }();
     std::string configPath;
     if (configPathIndex < registry.ConfigPaths().size()) {
       configPath = registry.ConfigPaths()[configPathIndex];
@@ -154,21 +148,19 @@ Logger& Logger::Instance(const std::string& name) {
       std::string logPath = LogFilePath(name);
       if (logger != nullptr) return *logger;
       if (!logPath.empty()) {
-        bool append = ReadConfigValue(configPath, "append") == "1";
         if (loggerFile == nullptr) {
-          loggerFile = new LoggerFile(logPath, append);
+          loggerFile = new LoggerFile(logPath, ReadConfigValue(configPath, "append") == "1");
           registry.AddItem(loggerFile);
         }
-        Logger* fileLogger = new Logger(loggerFile->Stream());
-        registry.AddItem(fileLogger);
-        logger = fileLogger;
+        logger = new Logger(loggerFile->Stream());
+        registry.AddItem(logger);
         return *logger;
       }
     }
-    if (logger != nullptr) return *logger;
-    Logger* nullLogger = new NULLLogger(&std::cout);
-    registry.AddItem(nullLogger);
-    logger = nullLogger;
+    if (logger == nullptr) {
+      logger = new NULLLogger(&std::cout);
+      registry.AddItem(logger);
+    }
     return *logger;
   } catch (...) {
     return logger != nullptr ? *logger : EmergencyLogger();
@@ -203,7 +195,8 @@ std::string ReadConfigValue(const std::string& configPath, const std::string& ke
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(configPath.c_str(), "r+"));
     if (!file) return std::string();
 
-    std::map<std::string, std::string> values;
+    // A later line with the key overrides an earlier one.
+    std::string value;
     char buffer[kConfigLineBuffer];
     while (std::fgets(buffer, sizeof buffer, file.get()) != nullptr) {
       std::size_t length = std::strlen(buffer);
@@ -217,10 +210,9 @@ std::string ReadConfigValue(const std::string& configPath, const std::string& ke
       }
       std::vector<std::string> tokens;
       StringUtil::Split(std::string(buffer, length), &tokens, kConfigSeparators);
-      if (tokens.size() >= 2) values[tokens[0]] = tokens[1];
+      if (tokens.size() >= 2 && tokens[0] == key) value = tokens[1];
     }
-    auto found = values.find(key);
-    return found != values.end() ? found->second : std::string();
+    return value;
   } catch (...) {
     return std::string();
   }

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <fstream>
-#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -64,8 +63,7 @@ class Logger : public GlobalItem {
   virtual void Debug(const std::string& value, const std::string& file, std::int32_t line);
   virtual void Info(const std::string& value, const std::string& file, std::int32_t line);
   // Writes "[LEVEL] | PID:.. | TIME:.. | VALUE:.. | DETAIL:.." and flushes.
-  virtual void Log(const std::string& level, const std::string& value,
-                   const std::string& detail);
+  virtual void Log(const std::string& level, const std::string& value, const std::string& detail);
 
   // The process's logger; `name` is the middle of the log file's name.
   // Never null; never to be deleted by the caller.

@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <limits>
 
+#include "FileUtil.h"
 #include "Logger.h"
 #include "SafeStr.h"
-#include "UsageDoc.h"
 
 namespace {
 
@@ -17,14 +17,20 @@ constexpr const char* kTraceSource = "Utility/src/MiniSession";
 constexpr std::size_t kMaxTextLength =
     static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max());
 
-void Trace(const std::string& text, std::int32_t line) {
-  Logger::Instance("LogSession").Debug(text, kTraceSource, line);
+// Best effort: a trace that cannot be built (out of memory) is dropped.
+void Trace(const char* text, std::int32_t line) {
+  try {
+    Logger::Instance("LogSession").Debug(text, kTraceSource, line);
+  } catch (...) {
+  }
 }
 
-char Rot47(char c) {
-  unsigned char b = static_cast<unsigned char>(c);
-  if (b < 33 || b > 126) return c;
-  return static_cast<char>(b + 47 <= 126 ? b + 47 : b - 47);
+std::string Rot47(std::string bytes) {
+  for (char& c : bytes) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b >= 33 && b <= 126) c = static_cast<char>(b + 47 <= 126 ? b + 47 : b - 47);
+  }
+  return bytes;
 }
 
 }  // namespace
@@ -37,22 +43,22 @@ MiniSession::MiniSession(const std::string& logDir, const std::string& productFa
       productName_(productName),
       sessionId_(sessionId),
       logNameKey_(logNameKey),
-      scramble_(scramble),
-      sequence_(-1),
-      group_(-1) {}
+      scramble_(scramble) {}
 
 MiniSession::~MiniSession() = default;
 
 std::int32_t MiniSession::CreateCrashFile(const std::string& machineId,
                                           const std::string& crashProductFamily,
                                           const std::string& crashProductName) {
+  Trace("MiniSession::CreateCrashFile", 214);
+  // The fragment writers never throw; only the names below may fail to be
+  // built, and then the rest of the document is lost.
   try {
-    Trace("MiniSession::CreateCrashFile", 214);
     StartSession();
-    std::int32_t session = NewGroup("Lumetry", "Crash", "Session", "");
+    const std::int32_t session = NewGroup("Lumetry", "Crash", "Session", "");
     DataRec(session, "ProductFamily", productFamily_);
     DataRec(session, "ProductName", productName_);
-    std::int32_t exitInfo = NewGroup("AppExit", "Crash", "ExitInfo", "");
+    const std::int32_t exitInfo = NewGroup("AppExit", "Crash", "ExitInfo", "");
     DataRec(exitInfo, "ExitType", "Crash");
     DataRec(exitInfo, "CrashProductName", crashProductName);
     DataRec(exitInfo, "CrashProductFamily", crashProductFamily);
@@ -63,44 +69,34 @@ std::int32_t MiniSession::CreateCrashFile(const std::string& machineId,
   return 0;
 }
 
+// The UsageDoc builders answer "" instead of throwing, and Write never
+// throws, so the fragment writers need no guard of their own.
 std::int32_t MiniSession::StartSession() {
-  try {
-    std::int32_t seq = ++sequence_;
-    Write(UsageDoc::StartFragment(sessionId_, UsageDoc::CurrentTime(), seq).c_str());
-  } catch (...) {
-  }
+  const std::int32_t seq = counters_.NextSeq();
+  Write(UsageDoc::StartFragment(sessionId_, UsageDoc::CurrentTime(), seq).c_str());
   return 0;
 }
 
 std::int32_t MiniSession::NewGroup(const std::string& category, const std::string& subcategory,
                                    const std::string& name, const std::string& doc) {
-  std::int32_t group = ++group_;
-  try {
-    std::int32_t seq = ++sequence_;
-    Write(UsageDoc::NewGroupFragment(category, subcategory, name, UsageDoc::CurrentTime(), group,
-                                     doc, seq)
-              .c_str());
-  } catch (...) {
-  }
+  const std::int32_t group = counters_.NextGroup();
+  const std::int32_t seq = counters_.NextSeq();
+  Write(UsageDoc::NewGroupFragment(category, subcategory, name, UsageDoc::CurrentTime(), group, doc,
+                                   seq)
+            .c_str());
   return group;
 }
 
 std::int32_t MiniSession::DataRec(std::int32_t group, const std::string& name,
                                   const std::string& data) {
-  try {
-    std::int32_t seq = ++sequence_;
-    Write(UsageDoc::DataRecFragment(UsageDoc::CurrentTime(), group, name, data, seq).c_str());
-  } catch (...) {
-  }
+  const std::int32_t seq = counters_.NextSeq();
+  Write(UsageDoc::DataRecFragment(UsageDoc::CurrentTime(), group, name, data, seq).c_str());
   return 0;
 }
 
 std::int32_t MiniSession::EndSession() {
-  try {
-    std::int32_t seq = ++sequence_;
-    Write(UsageDoc::EndFragment(sessionId_, UsageDoc::CurrentTime(), seq).c_str());
-  } catch (...) {
-  }
+  const std::int32_t seq = counters_.NextSeq();
+  Write(UsageDoc::EndFragment(sessionId_, UsageDoc::CurrentTime(), seq).c_str());
   return 0;
 }
 
@@ -109,7 +105,7 @@ std::int32_t MiniSession::Write(const char* text) {
   try {
     if (!file_.IsOpen()) {
       MakeFilePath();
-      Trace("MiniSession::Write: " + path_, 176);
+      Trace(("MiniSession::Write: " + path_).c_str(), 176);
       file_ = ExclusiveFile::OpenExclusive(path_);
       if (!file_.IsOpen()) {
         Trace("MiniSession::Write", 182);
@@ -117,30 +113,24 @@ std::int32_t MiniSession::Write(const char* text) {
       }
       WriteFileMarker();
     }
-
-    std::string scrambled;
-    const char* bytes = text;
-    std::size_t length = 0;
-    if (scramble_) {
-      scrambled = ScrambleText(text);
-      bytes = scrambled.data();
-      length = scrambled.size();
-    } else {
-      length = SafeStr::StrNLen(text, kMaxTextLength);
+    // A handle that was opened stays open until destruction; the check keeps
+    // the traced -3 answer for a handle that is gone all the same.
+    if (!file_.IsOpen()) {
+      Trace("MiniSession::Write", 195);
+      return -3;
     }
-
     // Bytes that are not valid UTF-8 (only a session id or machine identity
     // can carry them) are written as they stand: dropping the fragment would
     // lose the whole record, and the uploader copes with odd bytes.
-    std::int32_t result = 0;
-    if (!file_.IsOpen()) {
-      Trace("MiniSession::Write", 195);
-      result = -3;
+    const std::size_t length = SafeStr::StrNLen(text, kMaxTextLength);
+    if (scramble_) {
+      const std::string scrambled = Rot47(std::string(text, length));
+      file_.Write(scrambled.data(), scrambled.size());
+      Trace("MiniSession::Write", 201);
     } else {
-      file_.Write(bytes, length);
+      file_.Write(text, length);
     }
-    if (scramble_) Trace("MiniSession::Write", 201);
-    return result;
+    return 0;
   } catch (...) {
     // Only an allocation can fail here; the fragment is lost.
     return -3;
@@ -148,13 +138,10 @@ std::int32_t MiniSession::Write(const char* text) {
 }
 
 void MiniSession::MakeFilePath() {
-  std::string name = "ulog_" + productFamily_ + "_" + productName_ + "_" + logNameKey_ + "_" +
-                     sessionId_ + "_0" + (scramble_ ? ".rdy" : ".xml");
   // Starts from the path field itself, which after a failed open already
   // holds a file path: the next attempt then goes one level deeper.
-  std::string directory = path_;
-  if (directory.empty() || directory.back() != '/') directory += "/";
-  path_ = directory + name;
+  path_ = FileUtil::WithTrailingSeparator(path_) + "ulog_" + productFamily_ + "_" + productName_ +
+          "_" + logNameKey_ + "_" + sessionId_ + "_0" + (scramble_ ? ".rdy" : ".xml");
 }
 
 std::int32_t MiniSession::WriteFileMarker() {
@@ -166,17 +153,17 @@ std::int32_t MiniSession::WriteFileMarker() {
 
 std::string MiniSession::ScrambleText(const char* text) {
   if (text == nullptr) return std::string();
-  std::size_t length = SafeStr::StrNLen(text, kMaxTextLength);
-  std::string copy(length, '\0');
-  if (length == 0 || SafeStr::MemCpy(&copy[0], length, text, length) != 0) {
+  try {
+    return Rot47(std::string(text, SafeStr::StrNLen(text, kMaxTextLength)));
+  } catch (...) {
     return std::string();
   }
-  for (char& c : copy) c = Rot47(c);
-  return copy;
 }
 
 std::string MiniSession::UnscrambleText(const std::string& bytes) {
-  std::string plain(bytes);
-  for (char& c : plain) c = Rot47(c);
-  return plain;
+  try {
+    return Rot47(bytes);
+  } catch (...) {
+    return std::string();
+  }
 }

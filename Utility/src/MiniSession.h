@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ExclusiveFile.h"
+#include "UsageDoc.h"
 
 class MiniSession {
  public:
@@ -52,7 +53,8 @@ class MiniSession {
   //  -1  `text` is null
   //  -2  the file could not be opened (missing directory, no permission, a
   //      symbolic link in its place, or its lock held elsewhere)
-  //  -3  no file handle at write time (or no memory for the scrambled copy)
+  //  -3  no file handle at write time, or the fragment could not be
+  //      prepared (out of memory)
   // After a failed open the path field holds the attempted file path, so the
   // next attempt appends the file name to it again and fails as well: a
   // session whose first open fails stays entirely unwritten.
@@ -63,11 +65,11 @@ class MiniSession {
   const std::string& path() const { return path_; }
 
   // ROT47 over the C string `text` (bytes 33..126 rotate by 47, all others
-  // stay), at most 2^31-1 bytes. Null gives "".
+  // stay), at most 2^31-1 bytes. Null, or no memory for the copy, gives "".
   static std::string ScrambleText(const char* text);
-  // ROT47 over every byte of `bytes`. ROT47 is its own inverse, so this also
-  // scrambles; named for readers of scrambled files, which drop the marker
-  // and unscramble the rest.
+  // ROT47 over every byte of `bytes` ("" when out of memory). ROT47 is its own
+  // inverse, so this also scrambles; named for readers of scrambled files,
+  // which drop the marker and unscramble the rest.
   static std::string UnscrambleText(const std::string& bytes);
 
  private:
@@ -80,8 +82,7 @@ class MiniSession {
   std::string sessionId_;
   std::string logNameKey_;
   bool scramble_;
-  std::int32_t sequence_;
-  std::int32_t group_;
+  UsageDoc::Counters counters_;
   ExclusiveFile file_;
 };
 

@@ -2,6 +2,7 @@
 // arguments before touching memory and reports through the shared statuses.
 #include "SafeStr.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
@@ -40,7 +41,7 @@ int ConvertNumber(std::uint64_t magnitude, bool negative, char* dst, std::size_t
   } while (rest != 0);
   // One byte for a sign and one for the terminator, sign or not.
   const std::size_t needed = digits + 2;
-  if (size == 0 || needed > size) {
+  if (needed > size) {
     Clear(dst, size);
     return kTooSmall;
   }
@@ -122,8 +123,7 @@ int StrCpy(char* dst, std::size_t size, const char* src) {
   if (src == nullptr) return Invalid(dst, size);
   const std::size_t length = StrNLen(src, size);
   if (length < size) {
-    std::memmove(dst, src, length + 1);
-    dst[length] = '\0';
+    std::memmove(dst, src, length + 1);  // the terminator included
     return kOk;
   }
   std::memmove(dst, src, size - 1);
@@ -251,11 +251,8 @@ int SNPrintf(char* dst, std::size_t size, std::size_t count, const char* format,
 
 int IToA(std::int32_t value, char* dst, std::size_t size, int radix) {
   // Outside radix 10 a negative value is written as its 32-bit pattern.
-  if (radix == 10 && value < 0) {
-    return ConvertNumber(0u - static_cast<std::uint64_t>(static_cast<std::int64_t>(value)), true,
-                         dst, size, radix);
-  }
-  return ConvertNumber(static_cast<std::uint32_t>(value), false, dst, size, radix);
+  if (radix == 10) return I64ToA(value, dst, size, radix);
+  return UI64ToA(static_cast<std::uint32_t>(value), dst, size, radix);
 }
 
 int I64ToA(std::int64_t value, char* dst, std::size_t size, int radix) {
@@ -286,13 +283,7 @@ char* GetS(char* dst, std::size_t size) {
 }
 
 void Reverse(char* s, std::size_t max) {
-  const std::size_t length = StrNLen(s, max);
-  if (length < 2) return;
-  for (std::size_t i = 0, j = length - 1; i < j; ++i, --j) {
-    const char c = s[i];
-    s[i] = s[j];
-    s[j] = c;
-  }
+  if (s != nullptr) std::reverse(s, s + StrNLen(s, max));
 }
 
 }  // namespace SafeStr

@@ -4,8 +4,6 @@
 #include "StringUtil.h"
 
 #include <cctype>
-#include <memory>
-#include <new>
 
 #include "SafeStr.h"
 
@@ -15,12 +13,11 @@ const char* const kWhitespace = " \t\r\n";
 
 std::string Trim(const std::string& text, const char* set) {
   try {
-    if (set == nullptr || *set == '\0') return text;
+    if (set == nullptr) return text;
     const std::size_t last = text.find_last_not_of(set);
     if (last == std::string::npos) return std::string();
-    // Trailing run first, then the leading one.
-    std::string cut = text.substr(0, last + 1);
-    return cut.substr(cut.find_first_not_of(set));
+    const std::size_t first = text.find_first_not_of(set);
+    return text.substr(first, last + 1 - first);
   } catch (...) {
     return std::string();
   }
@@ -41,15 +38,14 @@ void Split(const std::string& text, std::vector<std::string>* tokens,
            const std::string& delimiters) {
   if (tokens == nullptr || text.empty() || delimiters.empty()) return;
   try {
-    const std::size_t size = text.size() + 1;
-    std::unique_ptr<char[]> buffer(new char[size]);
-    if (SafeStr::MemCpy(buffer.get(), size, text.data(), text.size()) != 0) return;
-    buffer[size - 1] = '\0';
+    // StrTok cuts its buffer apart, so it works on a terminated copy.
+    std::vector<char> buffer(text.begin(), text.end());
+    buffer.push_back('\0');
 
     // Collected aside so that a failed allocation leaves the caller's list whole.
     std::vector<std::string> found;
     char* context = nullptr;
-    for (char* token = SafeStr::StrTok(buffer.get(), size, delimiters.c_str(), &context);
+    for (char* token = SafeStr::StrTok(buffer.data(), buffer.size(), delimiters.c_str(), &context);
          token != nullptr; token = SafeStr::StrTok(nullptr, 1, delimiters.c_str(), &context)) {
       found.emplace_back(token);
     }
@@ -103,7 +99,7 @@ bool CFStringToUTF8(const std::string* value, std::string* out) {
   if (value == nullptr || out == nullptr) return false;
   if (!IsValidUTF8(*value)) return false;
   try {
-    out->assign(value->c_str());  // an embedded NUL ends the text
+    out->assign(*value, 0, value->find('\0'));  // an embedded NUL ends the text
   } catch (...) {
     return false;
   }
@@ -111,8 +107,7 @@ bool CFStringToUTF8(const std::string* value, std::string* out) {
 }
 
 std::string ToHex(std::uint64_t value, std::size_t width) {
-  static const char* const kDigits[16] = {"0", "1", "2", "3", "4", "5", "6", "7",
-                                          "8", "9", "A", "B", "C", "D", "E", "F"};
+  static constexpr char kDigits[] = "0123456789ABCDEF";
   try {
     std::string digits;
     while (value != 0) {

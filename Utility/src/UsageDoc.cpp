@@ -47,7 +47,7 @@ std::string EscapeAttributeValue(const std::string& value) {
   try {
     // The value is taken as a C string; bytes that are not UTF-8 count as
     // nothing at all.
-    const std::string text(value.c_str());
+    const std::string text = value.substr(0, value.find('\0'));
     std::string escaped;
     if (StringUtil::IsValidUTF8(text)) {
       escaped.reserve(text.size());

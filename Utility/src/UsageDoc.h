@@ -1,6 +1,7 @@
 // The text of a usage document (root UsageDoc, version "0.5.5"): fragments
 // written one after another, each ending in a line feed, with the record
 // counters and UTC time stamps. This is the only place that knows the text.
+// Nothing here throws: a text that cannot be built (out of memory) is "".
 #ifndef LUMETRY_UTILITY_USAGEDOC_H_
 #define LUMETRY_UTILITY_USAGEDOC_H_
 
