@@ -1,26 +1,22 @@
 // Expat-driven reader of the PII preference file. Each open element is
 // described as `name attr="value" ...`; character data is collected while the
-// innermost description, upper-cased, mentions the notice flag.
+// innermost description mentions the notice flag in any case.
 #include "PIIPrefParser.h"
 
 #include <expat.h>
 
-#include <cctype>
 #include <climits>
+
+#include "StringUtil.h"
 
 namespace {
 
-constexpr const char* kNoticeWord = "PIINOTICESHOWN";
+constexpr const char* kNoticeWord = "piinoticeshown";  // compared lower-cased
 
 struct ParserDeleter {
   void operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
 };
 using ScopedParser = std::unique_ptr<XML_ParserStruct, ParserDeleter>;
-
-std::string UpperCase(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return text;
-}
 
 }  // namespace
 
@@ -57,7 +53,8 @@ struct PIIPrefParser::Handlers {
     PIIPrefParser* self = context->self;
     if (self->stack_.empty() || length <= 0) return;
     try {
-      if (UpperCase(self->stack_.back()).find(kNoticeWord) != std::string::npos) {
+      std::string innermost = self->stack_.back();
+      if (StringUtil::ToLower(innermost).find(kNoticeWord) != std::string::npos) {
         self->value_.append(text, static_cast<std::size_t>(length));
       }
     } catch (...) {
@@ -84,7 +81,7 @@ PIINoticeAccess::PIINoticeAccess(const std::string& text) {
     text_ = text;
     parser_ = std::make_unique<PIIPrefParser>(text_);
   } catch (...) {
-    parser_.reset();
+    // Out of memory: no parser, so GetValue answers "".
   }
 }
 

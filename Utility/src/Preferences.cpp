@@ -18,8 +18,8 @@ namespace {
 
 plist_t AsNode(void* node) { return static_cast<plist_t>(node); }
 
-// Key, domain and entry names: non-empty UTF-8 without NUL bytes (a NUL would
-// silently cut the name short in the store).
+// Key and entry names (PreferenceFilePath checks domains): non-empty UTF-8
+// without NUL bytes (a NUL would silently cut the name short in the store).
 bool IsValidName(const std::string& text) {
   return !text.empty() && text.find('\0') == std::string::npos && StringUtil::IsValidUTF8(text);
 }
@@ -27,17 +27,6 @@ bool IsValidName(const std::string& text) {
 // String values may be empty.
 bool IsValidStringValue(const std::string& text) {
   return text.find('\0') == std::string::npos && StringUtil::IsValidUTF8(text);
-}
-
-bool IsValidScope(PrefUser user, PrefHost host) {
-  return (user == PrefUser::kCurrentUser || user == PrefUser::kAnyUser) &&
-         (host == PrefHost::kCurrentHost || host == PrefHost::kAnyHost);
-}
-
-// The domain's file, or "" when an argument is unusable.
-std::string DomainFile(const std::string& domain, PrefUser user, PrefHost host) {
-  if (!IsValidName(domain) || !IsValidScope(user, host)) return "";
-  return PreferenceFilePath(domain, user, host);
 }
 
 // Runs `body`, turning any exception into `fallback`.
@@ -56,19 +45,17 @@ bool ReadString(const PrefValue& value, std::string* out) {
   return StringUtil::CFStringToUTF8(&raw, out);
 }
 
-// A dictionary entry read: the value under `key` must be a dictionary with at
-// least one entry; answers a copy of the entry, or none.
+// A copy of one entry of the dictionary under `key`, or none (also when the
+// value is not a dictionary).
 PrefValue CopyDictionaryEntry(const std::string& key, const std::string& entry,
                               const std::string& domain, PrefUser user, PrefHost host) {
   if (!IsValidName(entry)) return PrefValue();
-  PrefValue dictionary = CopyPreferenceValue(key, domain, user, host);
-  if (dictionary.Kind() != kPrefDictionary || dictionary.Count() == 0) return PrefValue();
-  return dictionary.Item(entry);
+  return CopyPreferenceValue(key, domain, user, host).Item(entry);
 }
 
 bool SetKey(const std::string& key, const std::string& domain, PrefValue value, PrefUser user,
             PrefHost host) {
-  const std::string path = DomainFile(domain, user, host);
+  const std::string path = PreferenceFilePath(domain, user, host);
   if (path.empty() || !IsValidName(key) || value.IsNone()) return false;
   return PreferenceStore::UpdateDomain(path, [&](PrefValue* all) {
     return all->SetItem(key, std::move(value)) ? PreferenceStore::Edit::kStore
@@ -82,7 +69,7 @@ bool SetKey(const std::string& key, const std::string& domain, PrefValue value, 
 bool EditDictionaryEntry(const std::string& key, const std::string& entry,
                          const std::string& domain, PrefValue value, bool remove, PrefUser user,
                          PrefHost host) {
-  const std::string path = DomainFile(domain, user, host);
+  const std::string path = PreferenceFilePath(domain, user, host);
   if (path.empty() || !IsValidName(key) || !IsValidName(entry)) return false;
   if (!remove && value.IsNone()) return false;
   return PreferenceStore::UpdateDomain(path, [&](PrefValue* all) {
@@ -132,8 +119,6 @@ PrefValue PrefValue::Number(std::int32_t value) {
 }
 
 PrefValue PrefValue::Dictionary() { return Adopt(plist_new_dict()); }
-
-PrefValue PrefValue::Array() { return Adopt(plist_new_array()); }
 
 PrefValue PrefValue::Adopt(void* node) {
   PrefValue value;
@@ -242,18 +227,12 @@ bool PrefValue::RemoveItem(const std::string& key) {
   return true;
 }
 
-bool PrefValue::Append(PrefValue value) {
-  if (Kind() != kPrefArray || value.IsNone()) return false;
-  plist_array_append_item(AsNode(node_), AsNode(value.Release()));
-  return true;
-}
-
 // ---- Reads ----
 
 PrefValue CopyPreferenceValue(const std::string& key, const std::string& domain, PrefUser user,
                               PrefHost host) {
   return Guarded(PrefValue(), [&] {
-    const std::string path = DomainFile(domain, user, host);
+    const std::string path = PreferenceFilePath(domain, user, host);
     if (path.empty() || !IsValidName(key)) return PrefValue();
     return PreferenceStore::ReadDomain(path).Item(key);
   });
@@ -331,7 +310,7 @@ bool GetOrAddPreferenceString(const std::string& key, const std::string& domain,
                               const std::string& fresh, std::string* out, PrefUser user,
                               PrefHost host) {
   return Guarded(false, [&] {
-    const std::string path = DomainFile(domain, user, host);
+    const std::string path = PreferenceFilePath(domain, user, host);
     if (out == nullptr || path.empty() || !IsValidName(key) || !IsValidStringValue(fresh)) {
       return false;
     }
@@ -352,7 +331,7 @@ bool GetOrAddPreferenceString(const std::string& key, const std::string& domain,
 bool GetDictionaryKeys(const std::string& name, const std::string& domain,
                        std::vector<std::string>* keys, PrefUser user, PrefHost host) {
   return Guarded(false, [&] {
-    const std::string path = DomainFile(domain, user, host);
+    const std::string path = PreferenceFilePath(domain, user, host);
     if (keys == nullptr || path.empty() || !IsValidName(name)) return false;
     std::vector<std::string> found;
     for (const std::string& key : PreferenceStore::ReadDomain(path).Keys()) {

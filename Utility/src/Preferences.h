@@ -41,7 +41,6 @@ class PrefValue {
   static PrefValue String(const std::string& utf8);
   static PrefValue Number(std::int32_t value);
   static PrefValue Dictionary();
-  static PrefValue Array();
 
   bool IsNone() const { return node_ == nullptr; }
   int Kind() const;                                       // a PrefKind
@@ -54,7 +53,6 @@ class PrefValue {
   std::vector<std::string> Keys() const;                  // dictionary keys in store order
   bool SetItem(const std::string& key, PrefValue value);  // dictionary only
   bool RemoveItem(const std::string& key);                // dictionary only
-  bool Append(PrefValue value);                           // array only
 
   // Adopts / exposes the underlying node (a plist_t on this platform).
   static PrefValue Adopt(void* node);

@@ -52,7 +52,7 @@ std::string GetMachineID() {
     }
     // Created under the domain's lock: a concurrent first caller's identifier
     // wins and is answered here too.
-    const std::string fresh = NewIdentifier();
+    std::string fresh = NewIdentifier();
     if (GetOrAddPreferenceString(kMachineIdKey, kDomain, fresh, &id, PrefUser::kCurrentUser,
                                  PrefHost::kCurrentHost)) {
       return id;
@@ -73,26 +73,18 @@ bool IsCollectionDisabled() {
 
 std::int32_t GetOptIn() {
   std::int32_t optin = 1;
-  try {
-    std::string person;
-    if (GetPreferenceString(kPersonKey, kDomain, &person, PrefUser::kCurrentUser,
-                            PrefHost::kCurrentHost)) {
-      GetPreferenceDictionaryNumber(person, kOptInEntry, kDomain, &optin, PrefUser::kCurrentUser,
-                                    PrefHost::kCurrentHost);
-    }
-  } catch (...) {
+  std::string person;
+  if (GetPreferenceString(kPersonKey, kDomain, &person, PrefUser::kCurrentUser,
+                          PrefHost::kCurrentHost)) {
+    GetPreferenceDictionaryNumber(person, kOptInEntry, kDomain, &optin, PrefUser::kCurrentUser,
+                                  PrefHost::kCurrentHost);
   }
   return optin;
 }
 
 std::string GetUserType() {
   std::string type;
-  try {
-    GetPreferenceString(kUserTypeKey, kDomain, &type, PrefUser::kCurrentUser,
-                        PrefHost::kCurrentHost);
-  } catch (...) {
-    type.clear();
-  }
+  GetPreferenceString(kUserTypeKey, kDomain, &type, PrefUser::kCurrentUser, PrefHost::kCurrentHost);
   return type;
 }
 

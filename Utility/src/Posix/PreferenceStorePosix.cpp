@@ -31,10 +31,12 @@
 namespace {
 
 // Larger files are not preference domains; they are neither parsed nor replaced.
-constexpr off_t kMaxDomainFileSize = 64 * 1024 * 1024;
+constexpr off_t kMaxDomainFileSize = off_t{64} * 1024 * 1024;
 
-// Temporary files are "." + file name + "." + six mkstemp characters.
+// Temporary files are TemporaryPrefix(file name) + six mkstemp characters.
 constexpr std::size_t kTempSuffixLength = 6;
+
+std::string TemporaryPrefix(const std::string& name) { return "." + name + "."; }
 
 std::string& SystemDirOverride() {
   static std::string dir;
@@ -47,26 +49,11 @@ std::string SystemDir() {
   return dir;
 }
 
-std::string ParentOf(const std::string& path) {
-  std::string::size_type slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string NameOf(const std::string& path) {
-  std::string::size_type slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-bool IsDirectoryPath(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// mkdir -p: creates each missing component in turn.
+// mkdir -p: creates each missing component in turn. Unlike
+// FileUtil::CreateDirectories it never removes a file that is in the way.
 bool MakeDirectories(const std::string& path) {
   if (path.empty()) return false;
-  if (IsDirectoryPath(path)) return true;
+  if (FileUtil::IsDirectory(path)) return true;
   std::string::size_type pos = 0;
   while (pos != std::string::npos) {
     pos = path.find('/', pos + 1);
@@ -74,7 +61,7 @@ bool MakeDirectories(const std::string& path) {
     if (prefix.empty() || prefix == "/") continue;
     if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) return false;
   }
-  return IsDirectoryPath(path);
+  return FileUtil::IsDirectory(path);
 }
 
 enum class ReadStatus { kOk, kMissing, kError };
@@ -133,7 +120,7 @@ void SyncDirectory(const std::string& dir) {
 void RemoveStaleTemporaries(const std::string& dir, const std::string& name) {
   std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), &::closedir);
   if (!listing) return;
-  const std::string prefix = "." + name + ".";
+  const std::string prefix = TemporaryPrefix(name);
   std::vector<std::string> stale;
   while (struct dirent* entry = ::readdir(listing.get())) {
     std::string candidate = entry->d_name;
@@ -142,7 +129,7 @@ void RemoveStaleTemporaries(const std::string& dir, const std::string& name) {
       stale.push_back(candidate);
     }
   }
-  for (const std::string& item : stale) ::unlink((dir + "/" + item).c_str());
+  for (const std::string& item : stale) ::unlink(FileUtil::JoinPath(dir, item).c_str());
 }
 
 // Unlinks a temporary file unless it was renamed into place.
@@ -162,8 +149,9 @@ class TemporaryFile {
 };
 
 bool ReplaceFile(const std::string& path, const char* data, std::size_t length) {
-  const std::string dir = ParentOf(path);
-  std::string pattern = dir + "/." + NameOf(path) + "." + std::string(kTempSuffixLength, 'X');
+  const std::string dir = FileUtil::ParentDirectory(path);
+  std::string pattern = FileUtil::JoinPath(dir, TemporaryPrefix(FileUtil::LastPathComponent(path)));
+  pattern.append(kTempSuffixLength, 'X');
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   ScopedFd fd(::mkostemp(name.data(), O_CLOEXEC));
@@ -196,28 +184,30 @@ std::string PreferenceFilePath(const std::string& domain, PrefUser user, PrefHos
         domain.find('\0') != std::string::npos || !StringUtil::IsValidUTF8(domain)) {
       return "";
     }
-    std::string base;
+    // The name below the scope's directory first: an invalid scope must fail
+    // before the user's Library directory is created.
+    std::string name;
+    switch (host) {
+      case PrefHost::kAnyHost:
+        name = domain + ".plist";
+        break;
+      case PrefHost::kCurrentHost: {
+        const std::string host_id = Platform::GetHostId();
+        if (host_id.empty() || host_id.find('/') != std::string::npos) return "";
+        name = "ByHost/" + domain + "." + host_id + ".plist";
+        break;
+      }
+      default:
+        return "";
+    }
     switch (user) {
       case PrefUser::kCurrentUser: {
         std::string library;
         if (!FileUtil::GetUserLibraryDirectory(&library) || library.empty()) return "";
-        base = library + "/Preferences";
-        break;
+        return library + "/Preferences/" + name;
       }
       case PrefUser::kAnyUser:
-        base = SystemDir();
-        break;
-      default:
-        return "";
-    }
-    switch (host) {
-      case PrefHost::kAnyHost:
-        return base + "/" + domain + ".plist";
-      case PrefHost::kCurrentHost: {
-        const std::string host_id = Platform::GetHostId();
-        if (host_id.empty() || host_id.find('/') != std::string::npos) return "";
-        return base + "/ByHost/" + domain + "." + host_id + ".plist";
-      }
+        return SystemDir() + "/" + name;
       default:
         return "";
     }
@@ -237,7 +227,8 @@ PrefValue ReadDomain(const std::string& path) {
 }
 
 bool UpdateDomain(const std::string& path, const std::function<Edit(PrefValue* domain)>& edit) {
-  if (path.empty() || !MakeDirectories(ParentOf(path))) return false;
+  const std::string dir = FileUtil::ParentDirectory(path);
+  if (path.empty() || !MakeDirectories(dir)) return false;
   ScopedFd lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock.is_valid()) return false;
   while (::flock(lock.get(), LOCK_EX) != 0) {
@@ -254,7 +245,7 @@ bool UpdateDomain(const std::string& path, const std::function<Edit(PrefValue* d
     case Edit::kStore:
       break;
   }
-  RemoveStaleTemporaries(ParentOf(path), NameOf(path));
+  RemoveStaleTemporaries(dir, FileUtil::LastPathComponent(path));
   return StoreDomain(path, domain);
 }
 
