@@ -32,8 +32,7 @@ int ToolMain(int argc, char* argv[]) {
   }
 
   std::string browser;
-  std::string unused;
-  GetDefaultBrowser(&browser, &unused);
+  GetDefaultBrowser(&browser, nullptr);
   std::cout << "CPU: " << GetCPUBrandString() << "\n"
             << "Model: " << GetHardwareModel() << "\n"
             << "CPU MHz: " << GetCPUSpeedMHz() << "\n"

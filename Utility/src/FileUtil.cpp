@@ -5,6 +5,7 @@
 #include "FileUtil.h"
 
 #include <fstream>
+#include <memory>
 
 #include "Posix/FileUtilPlatform.h"
 
@@ -60,6 +61,14 @@ std::string WildcardToExtendedRegex(const std::string& pattern) {
     }
   }
   return expression;
+}
+
+// Copy and Move clear the destination first and do not restore it when the
+// copy fails. Onto the source itself they refuse, as clearing the destination
+// would destroy the source.
+bool ClearDestinationFor(const std::string& source, const std::string& destination) {
+  return !source.empty() && Exists(source) && !platform::IsSameItem(source, destination) &&
+         Remove(destination);
 }
 
 }  // namespace
@@ -175,6 +184,21 @@ bool IsFileSizeAtMost(const std::string& path, std::int32_t limit) {
   return size32 <= limit;
 }
 
+bool ReadSmallFile(const std::string& path, std::size_t max_bytes, std::string* contents) {
+  if (contents == nullptr) return false;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::string data;
+  char buffer[4096];
+  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+    data.append(buffer, static_cast<std::size_t>(in.gcount()));
+    if (data.size() > max_bytes) return false;
+  }
+  if (in.bad()) return false;
+  *contents = std::move(data);
+  return true;
+}
+
 // ---- Listings ----
 
 bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
@@ -196,7 +220,7 @@ bool ListFiles(const std::string& dir, std::vector<std::string>* paths, bool rec
   if (!ListEntries(dir, recursive, &entries)) return true;
   for (const std::string& entry : entries) {
     std::string joined = JoinPath(dir, entry);
-    if (!IsSkippedEntry(joined) && !IsDirectory(joined)) paths->push_back(joined);
+    if (!IsSkippedEntry(joined)) paths->push_back(joined);
   }
   return true;
 }
@@ -265,7 +289,7 @@ void DeleteMatching(const std::string& dir, const std::string& pattern, bool rec
 
   for (const std::string& entry : entries) {
     std::string joined = JoinPath(dir, entry);
-    if (IsSkippedEntry(joined) || IsDirectory(joined)) continue;
+    if (IsSkippedEntry(joined)) continue;
     // Without wildcards the sense is inverted: names that begin with the
     // pattern are kept, all others go. With wildcards, a match anywhere goes.
     bool remove = wildcard ? regex->Matches(entry) : entry.find(pattern) != 0;
@@ -279,26 +303,17 @@ void DeleteContaining(const std::string& dir, const std::string& substring) {
   if (!platform::ListNames(dir, &entries)) return;
   for (const std::string& name : entries) {
     std::string joined = JoinPath(dir, name);
-    if (IsSkippedEntry(joined) || IsDirectory(joined)) continue;
+    if (IsSkippedEntry(joined)) continue;
     if (name.find(substring) != std::string::npos) RemoveFile(joined);
   }
 }
 
-// Copy and Move clear the destination first and do not restore it when the
-// copy fails. Onto the source itself they refuse, as clearing the destination
-// would destroy the source.
 bool Copy(const std::string& source, const std::string& destination) {
-  if (source.empty() || !Exists(source)) return false;
-  if (platform::IsSameItem(source, destination)) return false;
-  if (!Remove(destination)) return false;
-  return platform::CopyItem(source, destination);
+  return ClearDestinationFor(source, destination) && platform::CopyItem(source, destination);
 }
 
 bool Move(const std::string& source, const std::string& destination) {
-  if (source.empty() || !Exists(source)) return false;
-  if (platform::IsSameItem(source, destination)) return false;
-  if (!Remove(destination)) return false;
-  return platform::MoveItem(source, destination);
+  return ClearDestinationFor(source, destination) && platform::MoveItem(source, destination);
 }
 
 int WriteStringToFile(const std::string& text, const std::string& path) {

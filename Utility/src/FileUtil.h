@@ -9,6 +9,7 @@
 #ifndef LUMETRY_UTILITY_FILEUTIL_H_
 #define LUMETRY_UTILITY_FILEUTIL_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -50,18 +51,22 @@ bool IsDirectory(const std::string& path);
 bool GetFreeSpace(const std::string& path, std::uint64_t* bytes);
 bool GetModificationTime(const std::string& path, std::uint64_t* seconds);
 bool IsNewer(const std::string& source, const std::string& destination);
-bool GetDirectorySize(const std::string& path, std::uint64_t* logical,
-                      std::uint64_t* physical);
+bool GetDirectorySize(const std::string& path, std::uint64_t* logical, std::uint64_t* physical);
 bool IsFileSizeAtMost(const std::string& path, std::int32_t limit);
 bool IsFileLocked(const std::string& path);
+// The whole contents of the file at `path`; false when it cannot be read or
+// holds more than `max_bytes` bytes. For the small text files that the
+// probes and the path seam read.
+bool ReadSmallFile(const std::string& path, std::size_t max_bytes, std::string* contents);
 
 // ---- Listings ----
 // Appends (never clears) the names of `dir` that contain every substring;
 // true when `names` is non-empty afterwards.
-bool ListDirectoryMatching(const std::string& dir,
-                           const std::vector<std::string>& substrings,
+bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
                            std::vector<std::string>* names);
 bool ListFiles(const std::string& dir, std::vector<std::string>* paths, bool recursive);
+// True for what the walks pass over: an empty path, a directory, a hidden
+// name (leading ".").
 bool IsSkippedEntry(const std::string& path);
 
 // ---- Creation, removal, copying ----

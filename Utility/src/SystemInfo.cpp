@@ -5,9 +5,9 @@
 #include "SystemInfo.h"
 
 #include <cstdint>
-#include <fstream>
 #include <limits>
 
+#include "FileUtil.h"
 #include "Preferences.h"
 #include "StringUtil.h"
 
@@ -18,20 +18,10 @@ const char kDefaultBrowser[] = "com.apple.safari";
 namespace {
 
 // Probe sources are small text files; anything larger is not one of them.
-constexpr std::streamsize kMaxSourceBytes = 1 << 20;
+constexpr std::size_t kMaxSourceBytes = 1 << 20;
 
 bool ReadSmallFile(const std::string& path, std::string* text) {
-  if (path.empty()) return false;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::string data;
-  char buffer[4096];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    data.append(buffer, static_cast<std::size_t>(in.gcount()));
-    if (static_cast<std::streamsize>(data.size()) > kMaxSourceBytes) return false;
-  }
-  *text = data;
-  return true;
+  return FileUtil::ReadSmallFile(path, kMaxSourceBytes, text);
 }
 
 std::string TrimBlanks(const std::string& text) { return StringUtil::Trim(text, " \t\r\n"); }
@@ -146,17 +136,15 @@ std::string CPUSpeedMHzFrom(const std::string& maxFreqPath, const std::string& c
 bool FindLaunchServicesBrowser(std::string* handler) {
   PrefValue list = CopyPreferenceValue("LSHandlers", "com.apple.LaunchServices",
                                        PrefUser::kCurrentUser, PrefHost::kAnyHost);
-  if (list.IsNone() || list.Kind() != kPrefArray) return false;
+  if (list.Kind() != kPrefArray) return false;
   for (std::size_t i = 0; i < list.Count(); ++i) {
+    // Entries that are not dictionaries, or lack either key, have no string
+    // items and are passed over.
     PrefValue entry = list.ArrayItem(i);
-    if (entry.Kind() != kPrefDictionary || !entry.HasKey("LSHandlerURLScheme") ||
-        !entry.HasKey("LSHandlerRoleAll")) {
-      continue;
-    }
-    // The scheme is compared exactly: "HTTP" is not "http".
     std::string scheme;
-    if (!entry.Item("LSHandlerURLScheme").GetString(&scheme) || scheme != "http") continue;
     std::string candidate;
+    // The scheme is compared exactly: "HTTP" is not "http".
+    if (!entry.Item("LSHandlerURLScheme").GetString(&scheme) || scheme != "http") continue;
     if (entry.Item("LSHandlerRoleAll").GetString(&candidate) && !candidate.empty()) {
       *handler = candidate;
       return true;

@@ -20,6 +20,7 @@ const char kTarvixBelowAppSupport[] = "/Quorvik/Tarvix/TarvixQX";
 const char kTarvixPolicyName[] = "/tarvix_policy.xml";
 
 // The full path of the LogCourier2.app a caller announced; empty until then.
+// Never destroyed, so it stays usable during static destruction.
 std::string& LocationHint() {
   static std::string* hint = new std::string();
   return *hint;
@@ -69,10 +70,7 @@ std::string GetUploaderAppPath() {
       FileUtil::ParentDirectory(FileUtil::ParentDirectory(executable)));
 }
 
-bool IsUploaderInstalled() {
-  std::string executable = LocateUploaderExecutable();
-  return !executable.empty() && FileUtil::Exists(executable);
-}
+bool IsUploaderInstalled() { return !LocateUploaderExecutable().empty(); }
 
 bool LaunchUploader(const std::string& guard, const std::string& argument) {
   // The guard only has to be present; its text is deliberately unused.
@@ -122,12 +120,8 @@ std::string GetUploaderLogDir() {
   std::string library;
   if (!FileUtil::GetUserLibraryDirectory(&library)) return std::string();
   std::string dir = FileUtil::JoinPath(library, kLogDirBelowLibrary);
-  if (!FileUtil::Exists(dir)) {
-    FileUtil::CreateDirectories(dir);
-  } else if (!FileUtil::IsDirectory(dir)) {
-    FileUtil::RemoveFile(dir);
-    FileUtil::CreateDirectories(dir);
-  }
+  // CreateDirectories replaces a plain file that is in the way.
+  if (!FileUtil::IsDirectory(dir)) FileUtil::CreateDirectories(dir);
   return dir;
 }
 

@@ -76,7 +76,9 @@ void ListTreeAt(int dir_fd, const std::string& prefix, std::vector<std::string>*
   std::vector<std::string> names;
   if (!ReadNamesAt(dir_fd, &names)) return;
   for (const std::string& name : names) {
-    std::string relative = prefix.empty() ? name : prefix + "/" + name;
+    std::string relative = prefix;
+    if (!relative.empty()) relative += '/';
+    relative += name;
     out->push_back(relative);
     ScopedFd child(OpenDirectoryAt(dir_fd, name));  // fails for links and files
     if (child.is_valid()) ListTreeAt(child.get(), relative, out);
@@ -169,8 +171,10 @@ bool CopyTree(const std::string& source, const std::string& destination, const s
     if (::lstat(destination.c_str(), &made) != 0) return false;
     root = &made;
   }
+  const std::string source_dir = source + '/';
+  const std::string destination_dir = destination + '/';
   for (const std::string& name : names) {
-    if (!CopyTree(source + "/" + name, destination + "/" + name, root)) return false;
+    if (!CopyTree(source_dir + name, destination_dir + name, root)) return false;
   }
   // The mode is set last so that a read-only directory can still be filled.
   return ::chmod(destination.c_str(), st.st_mode & 07777) == 0;
@@ -251,9 +255,7 @@ bool ListTree(const std::string& dir, std::vector<std::string>* relative_paths) 
   if (dir.empty()) return false;
   ScopedFd top(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!top.is_valid()) return false;
-  std::vector<std::string> read;
-  ListTreeAt(top.get(), std::string(), &read);
-  relative_paths->insert(relative_paths->end(), read.begin(), read.end());
+  ListTreeAt(top.get(), std::string(), relative_paths);
   return true;
 }
 
@@ -409,12 +411,12 @@ bool AddDirectorySizes(int dir_fd, SizeTotals* totals) {
 }  // namespace
 
 bool GetDirectorySize(const std::string& path, std::uint64_t* logical, std::uint64_t* physical) {
-  FSRef ref;
-  if (logical == nullptr || physical == nullptr || !MakeFSRef(path, &ref)) return false;
+  struct stat st;
+  if (logical == nullptr || physical == nullptr || path.empty() || ::stat(path.c_str(), &st) != 0) {
+    return false;
+  }
   SizeTotals totals;
   bool ok = true;
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return false;
   if (!S_ISDIR(st.st_mode)) {
     AddSizes(st, &totals);
   } else {
@@ -435,10 +437,8 @@ bool IsFileLocked(const std::string& path) {
 }
 
 bool RemoveDirectory(const std::string& path, bool recursive) {
-  FSRef ref;
-  if (!MakeFSRef(path, &ref)) return true;  // nothing to remove
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return errno == ENOENT;
+  if (path.empty() || ::stat(path.c_str(), &st) != 0) return true;  // nothing to remove
   if (!S_ISDIR(st.st_mode)) return false;
   if (recursive) return platform::RemoveItem(path);
   return ::rmdir(path.c_str()) == 0 || errno == ENOENT;

@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <vector>
 
 #include "Launch.h"
 #include "Posix/ScopedFd.h"
@@ -89,8 +88,8 @@ bool SpawnDetached(const std::string& executable, const std::string& argument) {
   SpawnSetup setup;
   if (!setup.Prepare()) return false;
 
-  std::vector<char*> argv = {const_cast<char*>(executable.c_str()),
-                             const_cast<char*>(argument.c_str()), nullptr};
+  char* argv[] = {const_cast<char*>(executable.c_str()), const_cast<char*>(argument.c_str()),
+                  nullptr};
 
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return false;
@@ -101,7 +100,7 @@ bool SpawnDetached(const std::string& executable, const std::string& argument) {
   if (intermediate < 0) return false;
   if (intermediate == 0) {
     pid_t pid = 0;
-    int rc = ::posix_spawn(&pid, argv[0], setup.actions(), setup.attr(), argv.data(), environ);
+    int rc = ::posix_spawn(&pid, argv[0], setup.actions(), setup.attr(), argv, environ);
     ssize_t written = ::write(writeEnd.get(), &rc, sizeof rc);
     ::_exit(written == static_cast<ssize_t>(sizeof rc) ? 0 : 1);
   }

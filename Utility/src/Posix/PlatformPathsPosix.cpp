@@ -9,11 +9,10 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <vector>
 
+#include "FileUtil.h"
 #include "PlatformPaths.h"
 #include "Posix/PlatformPathsInternal.h"
 
@@ -21,7 +20,7 @@ namespace Platform {
 namespace {
 
 // Info.plist files are small; anything far larger is not one.
-constexpr std::streamoff kMaxPlistBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxPlistBytes = std::size_t{16} * 1024 * 1024;
 
 struct PlistFree {
   void operator()(void* node) const { ::plist_free(static_cast<plist_t>(node)); }
@@ -38,20 +37,6 @@ std::string WithoutTrailingSlashes(const std::string& path) {
   std::string::size_type end = path.find_last_not_of('/');
   if (end == std::string::npos) return path.empty() ? path : std::string("/");
   return path.substr(0, end + 1);
-}
-
-bool ReadSmallFile(const std::string& path, std::streamoff limit, std::string* contents) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::string data;
-  char buffer[4096];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    data.append(buffer, static_cast<size_t>(in.gcount()));
-    if (static_cast<std::streamoff>(data.size()) > limit) return false;
-  }
-  if (in.bad()) return false;
-  *contents = std::move(data);
-  return true;
 }
 
 bool HomeFromPasswordDatabase(std::string* path) {
@@ -96,7 +81,7 @@ std::string HostIdFromFiles(const std::vector<std::string>& files) {
   for (const std::string& file : files) {
     std::string contents;
     std::string host_id;
-    if (ReadSmallFile(file, 4096, &contents) && FormatMachineId(contents, &host_id)) {
+    if (FileUtil::ReadSmallFile(file, 4096, &contents) && FormatMachineId(contents, &host_id)) {
       return host_id;
     }
   }
@@ -170,8 +155,8 @@ bool GetMainBundleIdentifier(std::string* identifier) {
   std::string bundle;
   if (!GetMainBundlePath(&bundle)) return false;
   std::string contents;
-  if (!ReadSmallFile(WithoutTrailingSlashes(bundle) + "/Contents/Info.plist", kMaxPlistBytes,
-                     &contents) ||
+  if (!FileUtil::ReadSmallFile(WithoutTrailingSlashes(bundle) + "/Contents/Info.plist",
+                               kMaxPlistBytes, &contents) ||
       contents.empty()) {
     return false;
   }
@@ -181,13 +166,10 @@ bool GetMainBundleIdentifier(std::string* identifier) {
   if (root == nullptr || ::plist_get_node_type(root) != PLIST_DICT) return false;
   plist_t item = ::plist_dict_get_item(root, "CFBundleIdentifier");
   if (item == nullptr || ::plist_get_node_type(item) != PLIST_STRING) return false;
-  char* value = nullptr;
-  ::plist_get_string_val(item, &value);
-  if (value == nullptr) return false;
-  std::string result(value);
-  std::free(value);
-  if (result.empty()) return false;
-  *identifier = result;
+  uint64_t length = 0;
+  const char* value = ::plist_get_string_ptr(item, &length);
+  if (value == nullptr || *value == '\0') return false;
+  *identifier = value;
   return true;
 }
 

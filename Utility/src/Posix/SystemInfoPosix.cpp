@@ -33,7 +33,7 @@ std::string CpuidBrand() {
   for (unsigned int leaf = 0; leaf < 3; ++leaf) {
     unsigned int regs[4] = {};
     __get_cpuid(0x80000002u + leaf, &regs[0], &regs[1], &regs[2], &regs[3]);
-    std::memcpy(brand + leaf * 16, regs, sizeof regs);
+    std::memcpy(brand + sizeof regs * leaf, regs, sizeof regs);
   }
   return StringUtil::Trim(std::string(brand), " \t");
 #else
