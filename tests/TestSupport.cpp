@@ -200,9 +200,11 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
   environment.insert(environment.end(), env.begin(), env.end());
 
   std::vector<char*> cargv;
+  cargv.reserve(argv.size() + 1);
   for (const std::string& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
   cargv.push_back(nullptr);
   std::vector<char*> cenv;
+  cenv.reserve(environment.size() + 1);
   for (const std::string& e : environment) cenv.push_back(const_cast<char*>(e.c_str()));
   cenv.push_back(nullptr);
 

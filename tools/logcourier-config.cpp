@@ -3,7 +3,7 @@
 // evaluated status and the paused items). Reading never changes the file.
 #include <getopt.h>
 
-#include <cstdio>
+#include <iostream>
 #include <string>
 
 #include "SettingsFile.h"
@@ -13,27 +13,26 @@ namespace {
 
 const char kToolName[] = "logcourier-config";
 
-void PrintUsage(std::FILE* stream) {
-  std::fprintf(stream,
-               "Usage: %s [--file PATH] [--help]\n"
-               "\n"
-               "Prints the uploader configuration as the uploader reads it: out-of-range\n"
-               "numbers and disallowed addresses replaced by their defaults, the status\n"
-               "evaluated for today's date. The file is only read, never changed.\n"
-               "\n"
-               "Options:\n"
-               "  -f, --file PATH  read PATH instead of the user's configuration file\n"
-               "                   (which is found, and created or refreshed from the\n"
-               "                   installed copy, as the uploader does)\n"
-               "  -h, --help       show this help and exit\n"
-               "\n"
-               "Output, one \"key: value\" line each, in this order:\n"
-               "  file, maxDiskSpace, retryInterval, maxRetries, serverUrl, uploadUrl,\n"
-               "  configUrl, tarvixUrl, status, then one \"hibernated: ITEM=VALUE\" line\n"
-               "  per paused item (none when no item is paused).\n"
-               "\n"
-               "Exit status: 0 on success, 1 when the file cannot be read, 2 on bad usage.\n",
-               kToolName);
+void PrintUsage(std::ostream& out) {
+  out << "Usage: " << kToolName
+      << " [--file PATH] [--help]\n"
+         "\n"
+         "Prints the uploader configuration as the uploader reads it: out-of-range\n"
+         "numbers and disallowed addresses replaced by their defaults, the status\n"
+         "evaluated for today's date. The file is only read, never changed.\n"
+         "\n"
+         "Options:\n"
+         "  -f, --file PATH  read PATH instead of the user's configuration file\n"
+         "                   (which is found, and created or refreshed from the\n"
+         "                   installed copy, as the uploader does)\n"
+         "  -h, --help       show this help and exit\n"
+         "\n"
+         "Output, one \"key: value\" line each, in this order:\n"
+         "  file, maxDiskSpace, retryInterval, maxRetries, serverUrl, uploadUrl,\n"
+         "  configUrl, tarvixUrl, status, then one \"hibernated: ITEM=VALUE\" line\n"
+         "  per paused item (none when no item is paused).\n"
+         "\n"
+         "Exit status: 0 on success, 1 when the file cannot be read, 2 on bad usage.\n";
 }
 
 // The option getopt just rejected, as the user typed it.
@@ -44,7 +43,7 @@ std::string RejectedOption(char* argv[]) {
 }
 
 int UsageError(const std::string& message) {
-  std::fprintf(stderr, "%s: %s (try --help)\n", kToolName, message.c_str());
+  std::cerr << kToolName << ": " << message << " (try --help)\n";
   return 2;
 }
 
@@ -67,7 +66,7 @@ int ToolMain(int argc, char* argv[]) {
         have_path = true;
         break;
       case 'h':
-        PrintUsage(stdout);
+        PrintUsage(std::cout);
         return 0;
       case ':':
         return UsageError("option " + RejectedOption(argv) + " needs a value");
@@ -81,34 +80,29 @@ int ToolMain(int argc, char* argv[]) {
   if (!have_path) {
     path = Uploader::GetUploaderConfigPath();
     if (path.empty()) {
-      std::fprintf(stderr, "%s: cannot find or create the user's configuration directory\n",
-                   kToolName);
+      std::cerr << kToolName << ": cannot find or create the user's configuration directory\n";
       return 1;
     }
   }
 
   SettingsFile settings;
   if (settings.Load(path) != 0) {
-    std::fprintf(stderr, "%s: cannot read %s\n", kToolName, path.c_str());
+    std::cerr << kToolName << ": cannot read " << path << "\n";
     return 1;
   }
   UploaderConfig config;
   Uploader::ReadUploaderConfig(settings, &config);  // in memory only
 
-  std::printf("file: %s\n", path.c_str());
-  std::printf("maxDiskSpace: %u\n", static_cast<unsigned>(config.maxDiskSpace));
-  std::printf("retryInterval: %u\n", static_cast<unsigned>(config.retryInterval));
-  std::printf("maxRetries: %u\n", static_cast<unsigned>(config.maxRetries));
-  std::printf("serverUrl: %s\n", config.serverUrl.c_str());
-  std::printf("uploadUrl: %s\n", config.uploadUrl.c_str());
-  std::printf("configUrl: %s\n", config.configUrl.c_str());
-  std::printf("tarvixUrl: %s\n", config.tarvixUrl.c_str());
-  std::printf("status: %s\n", config.status.c_str());
+  std::cout << "file: " << path << "\nmaxDiskSpace: " << config.maxDiskSpace
+            << "\nretryInterval: " << config.retryInterval << "\nmaxRetries: " << config.maxRetries
+            << "\nserverUrl: " << config.serverUrl << "\nuploadUrl: " << config.uploadUrl
+            << "\nconfigUrl: " << config.configUrl << "\ntarvixUrl: " << config.tarvixUrl
+            << "\nstatus: " << config.status << "\n";
   for (const auto& item : config.hibernatedItems) {
-    std::printf("hibernated: %s=%s\n", item.first.c_str(), item.second.c_str());
+    std::cout << "hibernated: " << item.first << "=" << item.second << "\n";
   }
-  if (std::fflush(stdout) != 0) {
-    std::fprintf(stderr, "%s: cannot write the output\n", kToolName);
+  if (!std::cout.flush()) {
+    std::cerr << kToolName << ": cannot write the output\n";
     return 1;
   }
   return 0;

@@ -9,8 +9,12 @@ namespace {
 const char kByteOrderMark[] = "\xEF\xBB\xBF";
 constexpr std::string::size_type kByteOrderMarkSize = 3;
 
+std::string Trimmed(const std::string& text) {
+  return StringUtil::Trim(text, StringUtil::kWhitespace);
+}
+
 std::string TrimmedLower(const std::string& text) {
-  std::string result = StringUtil::Trim(text, StringUtil::kWhitespace);
+  std::string result = Trimmed(text);
   StringUtil::ToLower(result);
   return result;
 }
@@ -37,6 +41,7 @@ void SettingsFile::ParseText(const std::string& text) {
   std::string section;  // each load starts in the empty section
   std::string::size_type start = 0;
   if (text.compare(0, kByteOrderMarkSize, kByteOrderMark) == 0) start = kByteOrderMarkSize;
+  // Split by hand: lines may hold NUL bytes, which the generic splitter stops at.
   while (start <= text.size()) {
     std::string::size_type end = text.find('\n', start);
     if (end == std::string::npos) end = text.size();
@@ -46,48 +51,36 @@ void SettingsFile::ParseText(const std::string& text) {
 }
 
 void SettingsFile::ParseLine(const std::string& raw_line, std::string* section) {
-  const std::string line = StringUtil::Trim(raw_line, StringUtil::kWhitespace);
+  const std::string line = Trimmed(raw_line);
   if (line.empty() || line[0] == '#' || line[0] == ';') return;
 
   if (line[0] == '[') {
     const std::string::size_type close = line.find(']');
-    const std::string name =
-        close == std::string::npos ? line.substr(1) : line.substr(1, close - 1);
-    *section = TrimmedLower(name);
+    *section =
+        TrimmedLower(close == std::string::npos ? line.substr(1) : line.substr(1, close - 1));
     return;
   }
 
+  // A line without "=" is kept on purpose: the whole line is key and value.
   const std::string::size_type equals = line.find('=');
-  std::string key;
-  std::string value;
-  if (equals == std::string::npos) {
-    // A bare word is kept on purpose: it is both key and value.
-    key = line;
-    StringUtil::ToLower(key);
-    value = line;
-  } else {
-    key = TrimmedLower(line.substr(0, equals));
-    value = StringUtil::Trim(line.substr(equals + 1), StringUtil::kWhitespace);
-  }
-  entries_[*section + "/" + key] = value;
+  entries_[*section + "/" + TrimmedLower(line.substr(0, equals))] =
+      equals == std::string::npos ? line : Trimmed(line.substr(equals + 1));
 }
 
 int SettingsFile::Save(const std::string& path) const {
-  // Sections are contiguous in the sorted dictionary (every path of section
-  // "s" starts with "s/"), so one pass emits each header once.
+  // Every stored path holds a "/", and the sections are contiguous in the
+  // sorted dictionary (every path of section "s" starts with "s/"), so one
+  // pass emits each header once.
   std::string text;
   std::string current;
-  bool first = true;
   for (const auto& entry : entries_) {
     const std::string::size_type slash = entry.first.find('/');
     const std::string section = entry.first.substr(0, slash);
-    if (first || section != current) {
+    if (text.empty() || section != current) {
       text += "[" + section + "]\n";
       current = section;
-      first = false;
     }
-    text += entry.first.substr(slash == std::string::npos ? entry.first.size() : slash + 1);
-    text += "=" + entry.second + "\n";
+    text += entry.first.substr(slash + 1) + "=" + entry.second + "\n";
   }
   return UploaderFiles::ReplaceFile(path, text) ? 0 : -1;
 }
@@ -116,7 +109,7 @@ std::string SettingsFile::SetValueAt(const std::string& path, const std::string&
 
 std::string SettingsFile::StoreAt(const std::string& path, const std::string& value) {
   // The trim only decides emptiness; a non-empty value is kept as given.
-  if (StringUtil::Trim(value, StringUtil::kWhitespace).empty()) {
+  if (Trimmed(value).empty()) {
     entries_.erase(path);
     return std::string();
   }
@@ -128,8 +121,7 @@ void SettingsFile::GetSectionEntries(const std::string& section, EntryList* entr
   if (entries == nullptr) return;
   for (const auto& entry : entries_) {
     const std::string::size_type slash = entry.first.find('/');
-    if (slash == std::string::npos) continue;
-    if (entry.first.compare(0, slash, section) == 0 && slash == section.size()) {
+    if (entry.first.compare(0, slash, section) == 0) {
       entries->emplace_back(entry.first.substr(slash + 1), entry.second);
     }
   }

@@ -6,7 +6,7 @@
 
 #include "FileUtil.h"
 #include "PlatformPaths.h"
-#include "Posix/UploaderFiles.h"
+#include "Posix/FileUtilPlatform.h"
 #include "SettingsFile.h"
 #include "UploaderStatus.h"
 
@@ -69,23 +69,21 @@ std::string GetBundledConfigDir() {
   if (Platform::GetMainBundleIdentifier(&identifier) && identifier == kUploaderBundleId) {
     return bundle + "/Contents/Resources/";
   }
-  return bundle + "/Contents/MacOS/LogCourier2.app" + "/Contents/Resources/";
+  return bundle + "/Contents/MacOS/LogCourier2.app/Contents/Resources/";
 }
 
 std::string GetUploaderConfigPath() {
   const std::string shipped_dir = GetBundledConfigDir();
+  // Without a bundle there is no shipped copy (not one relative to the cwd).
   const std::string shipped =
       shipped_dir.empty() ? std::string() : FileUtil::JoinPath(shipped_dir, kConfigFileName);
-  const bool has_shipped = !shipped.empty() && FileUtil::Exists(shipped);
+  const bool has_shipped = FileUtil::Exists(shipped);
 
-  std::string user_dir;
   std::string support;
-  if (FileUtil::GetApplicationSupportDirectory(&support) && !support.empty()) {
-    user_dir = FileUtil::JoinPath(support, kUserConfigDir);
-    if (!FileUtil::Exists(user_dir) && !FileUtil::CreateDirectories(user_dir)) user_dir.clear();
-  }
-  if (user_dir.empty()) return std::string();
-  const std::string user_copy = FileUtil::JoinPath(user_dir, kConfigFileName);
+  if (!FileUtil::GetApplicationSupportDirectory(&support)) return std::string();
+  const std::string user_dir = FileUtil::JoinPath(support, kUserConfigDir);
+  if (!FileUtil::Exists(user_dir) && !FileUtil::CreateDirectories(user_dir)) return std::string();
+  std::string user_copy = FileUtil::JoinPath(user_dir, kConfigFileName);
   const bool has_user = FileUtil::Exists(user_copy);
 
   if (has_shipped && has_user) {
@@ -134,7 +132,7 @@ std::uint32_t GetMaxRetries(SettingsFile& settings) {
 }
 
 std::string GetServerUrl(SettingsFile& settings) {
-  const std::string url = settings.GetValue(kSettingsSection, "url");
+  std::string url = settings.GetValue(kSettingsSection, "url");
   if (IsAllowedServerUrl(url)) return url;
   settings.SetValue(kSettingsSection, "url", kDefaultServerUrl);
   return kDefaultServerUrl;
@@ -148,7 +146,7 @@ bool IsAllowedServerUrl(const std::string& url) {
 }
 
 bool MatchesPattern(const std::string& text, const std::string& pattern) {
-  return UploaderFiles::MatchesExtendedRegex(text, pattern);
+  return FileUtil::platform::ExtendedRegex(pattern).Matches(text);
 }
 
 void ReadUploaderConfig(SettingsFile& settings, UploaderConfig* config) {

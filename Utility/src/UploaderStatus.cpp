@@ -2,7 +2,6 @@
 #include "UploaderStatus.h"
 
 #include <boost/date_time/gregorian/gregorian.hpp>
-#include <exception>
 
 #include "SettingsFile.h"
 
@@ -39,7 +38,6 @@ int WakeDateState(const std::string& date_text, const boost::gregorian::date& to
     // Year and month ranges, impossible days and non-numeric tokens all
     // throw (out_of_range, bad_lexical_cast, ...): every one means "no date".
     const boost::gregorian::date wake = boost::gregorian::from_simple_string(date_text);
-    if (wake.is_special()) return kNotPaused;
     return (wake - today).days() > 0 ? kPaused : kNotPaused;
   } catch (...) {
     return kNotPaused;
@@ -47,11 +45,9 @@ int WakeDateState(const std::string& date_text, const boost::gregorian::date& to
 }
 
 int WakeDateState(const std::string& date_text) {
-  if (date_text.empty()) return kNotPaused;
   try {
     // Throws when the clock cannot be converted to local time.
-    const boost::gregorian::date today = boost::gregorian::day_clock::local_day();
-    return WakeDateState(date_text, today);
+    return WakeDateState(date_text, boost::gregorian::day_clock::local_day());
   } catch (...) {
     return kNotPaused;
   }

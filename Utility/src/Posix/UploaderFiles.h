@@ -1,6 +1,5 @@
-// The platform calls behind the settings file and the uploader configuration:
-// reading a whole file, replacing a file atomically, and POSIX extended
-// regular-expression matching. Linux bindings: UploaderFilesPosix.cpp.
+// The platform calls behind the settings file: reading a whole file and
+// replacing a file atomically. Linux bindings: UploaderFilesPosix.cpp.
 #ifndef LUMETRY_UTILITY_POSIX_UPLOADERFILES_H_
 #define LUMETRY_UTILITY_POSIX_UPLOADERFILES_H_
 
@@ -19,10 +18,6 @@ bool ReadWholeFile(const std::string& path, std::string* contents);
 // no temporary left behind, when any step fails or when an existing target is
 // not writable by this process.
 bool ReplaceFile(const std::string& path, const std::string& contents);
-
-// True when the POSIX extended regular expression `pattern` (case-sensitive)
-// matches anywhere in `text`. A pattern that does not compile never matches.
-bool MatchesExtendedRegex(const std::string& text, const std::string& pattern);
 
 }  // namespace UploaderFiles
 

@@ -1,39 +1,19 @@
-// Linux bindings of UploaderFiles.h: whole-file reads, atomic replacement
-// (temporary file, fsync, rename) and regcomp/regexec matching.
+// Linux bindings of UploaderFiles.h: whole-file reads and atomic replacement
+// (temporary file, fsync, rename).
 #include <fcntl.h>
-#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include "Posix/ScopedFd.h"
 #include "Posix/UploaderFiles.h"
 
 namespace UploaderFiles {
 namespace {
-
-// Owns a compiled regular expression; frees it only if compiling succeeded.
-class ScopedRegex {
- public:
-  ScopedRegex(const std::string& pattern, int flags)
-      : compiled_(::regcomp(&regex_, pattern.c_str(), flags) == 0) {}
-  ~ScopedRegex() {
-    if (compiled_) ::regfree(&regex_);
-  }
-  ScopedRegex(const ScopedRegex&) = delete;
-  ScopedRegex& operator=(const ScopedRegex&) = delete;
-
-  bool compiled() const { return compiled_; }
-  const regex_t* get() const { return &regex_; }
-
- private:
-  regex_t regex_{};
-  bool compiled_;
-};
 
 // Removes a temporary file unless the scope hands it over.
 class ScopedUnlink {
@@ -54,7 +34,7 @@ bool WriteAll(int fd, const std::string& data) {
   const char* p = data.data();
   std::size_t left = data.size();
   while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
+    const ssize_t n = ::write(fd, p, left);
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
@@ -70,11 +50,9 @@ bool WriteAll(int fd, const std::string& data) {
 std::string ResolveTarget(const std::string& path) {
   struct stat st;
   if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return path;
-  char* real = ::realpath(path.c_str(), nullptr);
-  if (real == nullptr) return path;
-  std::string resolved(real);
-  std::free(real);
-  return resolved;
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+  return real ? std::string(real.get()) : path;
 }
 
 void SyncDirectory(const std::string& dir) {
@@ -88,14 +66,12 @@ bool ReadWholeFile(const std::string& path, std::string* contents) {
   if (contents == nullptr || path.empty()) return false;
   ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.is_valid()) return false;
-  struct stat st;
-  if (::fstat(fd.get(), &st) != 0 || S_ISDIR(st.st_mode)) return false;
-  std::string data;
-  std::vector<char> buffer(64 * 1024);
+  std::string data;  // a directory opens but fails the first read (EISDIR)
+  char buffer[64 * 1024];
   for (;;) {
-    ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+    const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
     if (n > 0) {
-      data.append(buffer.data(), static_cast<std::size_t>(n));
+      data.append(buffer, static_cast<std::size_t>(n));
     } else if (n == 0) {
       break;
     } else if (errno != EINTR) {
@@ -133,12 +109,9 @@ bool ReplaceFile(const std::string& path, const std::string& contents) {
   }
   if (base.empty()) return false;
 
-  std::string templ = dir + "/." + base + ".tmp-XXXXXX";
-  std::vector<char> name(templ.begin(), templ.end());
-  name.push_back('\0');
-  ScopedFd fd(::mkostemp(name.data(), O_CLOEXEC));
+  std::string temp_path = dir + "/." + base + ".tmp-XXXXXX";
+  ScopedFd fd(::mkostemp(temp_path.data(), O_CLOEXEC));  // fills in the X's
   if (!fd.is_valid()) return false;
-  const std::string temp_path(name.data());
   ScopedUnlink cleanup(temp_path);
 
   if (!WriteAll(fd.get(), contents)) return false;
@@ -149,13 +122,6 @@ bool ReplaceFile(const std::string& path, const std::string& contents) {
   cleanup.Release();
   SyncDirectory(dir);
   return true;
-}
-
-bool MatchesExtendedRegex(const std::string& text, const std::string& pattern) {
-  ScopedRegex regex(pattern, REG_EXTENDED);
-  if (!regex.compiled()) return false;
-  regmatch_t matches[2];
-  return ::regexec(regex.get(), text.c_str(), 2, matches, 0) == 0;
 }
 
 }  // namespace UploaderFiles
