@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "ExclusiveFile.h"
+#include "Posix/FdWrite.h"
 #include "Posix/ScopedFd.h"
 
 ExclusiveFile::ExclusiveFile(ExclusiveFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
@@ -35,19 +36,7 @@ ExclusiveFile ExclusiveFile::OpenExclusive(const std::string& path) {
 }
 
 bool ExclusiveFile::Write(const void* bytes, std::size_t length) {
-  if (fd_ < 0 || (bytes == nullptr && length > 0)) return false;
-  const char* next = static_cast<const char*>(bytes);
-  while (length > 0) {
-    ssize_t written = ::write(fd_, next, length);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (written == 0) return false;  // no progress: give up rather than spin
-    next += written;
-    length -= static_cast<std::size_t>(written);
-  }
-  return true;
+  return posix_io::WriteAll(fd_, bytes, length);
 }
 
 void ExclusiveFile::Close() { ScopedFd owned(std::exchange(fd_, -1)); }

@@ -15,6 +15,7 @@
 
 #include "FileUtil.h"
 #include "PlatformPaths.h"
+#include "Posix/FdWrite.h"
 #include "Posix/FileUtilPlatform.h"
 #include "Posix/ScopedFd.h"
 
@@ -108,19 +109,6 @@ bool RemoveContentsAt(int dir_fd) {
   return ok;
 }
 
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 bool CopyFileContents(const std::string& source, const std::string& destination, mode_t mode) {
   ScopedFd in(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!in.is_valid()) return false;
@@ -133,7 +121,7 @@ bool CopyFileContents(const std::string& source, const std::string& destination,
     ssize_t n = ::read(in.get(), buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n == 0) break;
-    if (n < 0 || !WriteAll(out.get(), buffer, static_cast<size_t>(n))) {
+    if (n < 0 || !posix_io::WriteAll(out.get(), buffer, static_cast<size_t>(n))) {
       ok = false;
       break;
     }

@@ -19,6 +19,7 @@
 
 #include "FileUtil.h"
 #include "PlatformPaths.h"
+#include "Posix/FdWrite.h"
 #include "Posix/PreferenceStore.h"
 #include "Posix/ScopedFd.h"
 #include "Preferences.h"
@@ -97,17 +98,6 @@ PrefValue ParseDomain(const std::string& data) {
   return PrefValue::Dictionary();
 }
 
-bool WriteAll(int fd, const char* data, std::size_t length) {
-  while (length > 0) {
-    ssize_t put = ::write(fd, data, length);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    data += put;
-    length -= static_cast<std::size_t>(put);
-  }
-  return true;
-}
-
 void SyncDirectory(const std::string& dir) {
   ScopedFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // Best effort: the rename has happened; a failed directory sync only
@@ -157,7 +147,7 @@ bool ReplaceFile(const std::string& path, const char* data, std::size_t length) 
   ScopedFd fd(::mkostemp(name.data(), O_CLOEXEC));
   if (!fd.is_valid()) return false;
   TemporaryFile temporary(name.data());
-  if (::fchmod(fd.get(), 0600) != 0 || !WriteAll(fd.get(), data, length) ||
+  if (::fchmod(fd.get(), 0600) != 0 || !posix_io::WriteAll(fd.get(), data, length) ||
       ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
     return false;
   }

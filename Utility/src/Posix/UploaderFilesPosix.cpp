@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "Posix/FdWrite.h"
 #include "Posix/ScopedFd.h"
 #include "Posix/UploaderFiles.h"
 
@@ -29,21 +30,6 @@ class ScopedUnlink {
  private:
   std::string path_;
 };
-
-bool WriteAll(int fd, const std::string& data) {
-  const char* p = data.data();
-  std::size_t left = data.size();
-  while (left > 0) {
-    const ssize_t n = ::write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
 
 // The path a write to `path` really lands on: a symbolic link is followed so
 // that replacing the file does not replace the link. A dangling link stays.
@@ -114,7 +100,7 @@ bool ReplaceFile(const std::string& path, const std::string& contents) {
   if (!fd.is_valid()) return false;
   ScopedUnlink cleanup(temp_path);
 
-  if (!WriteAll(fd.get(), contents)) return false;
+  if (!posix_io::WriteAll(fd.get(), contents.data(), contents.size())) return false;
   if (::fchmod(fd.get(), mode) != 0) return false;
   if (::fsync(fd.get()) != 0) return false;
   if (::close(fd.release()) != 0) return false;
