@@ -1,7 +1,6 @@
 // Shared test fixtures; see TestSupport.h.
 #include "TestSupport.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <spawn.h>
@@ -13,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -95,17 +95,9 @@ bool ReadFile(const std::string& path, std::string* contents) {
 }
 
 bool MakeDirs(const std::string& path) {
-  if (path.empty()) return false;
-  std::string partial;
-  size_t pos = 0;
-  while (pos != std::string::npos) {
-    pos = path.find('/', pos + 1);
-    partial = path.substr(0, pos);
-    if (partial.empty()) continue;
-    if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  }
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  return !path.empty() && std::filesystem::is_directory(path, error);
 }
 
 bool WriteFile(const std::string& path, const std::string& contents) {
@@ -126,13 +118,10 @@ bool PathExists(const std::string& path) {
 
 std::vector<std::string> ListNames(const std::string& dir) {
   std::vector<std::string> names;
-  DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (struct dirent* entry = ::readdir(d)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+    names.push_back(entry.path().filename().string());
   }
-  ::closedir(d);
   std::sort(names.begin(), names.end());
   return names;
 }
