@@ -14,7 +14,6 @@ namespace {
 constexpr const char* kPreferenceDomain = "com.quorvik.lumetryqx";
 constexpr const char* kObfuscateKey = "obfuscate";
 constexpr const char* kLogSubdir = "/Logs/Quorvik/LogCourier2QX/";
-constexpr const char* kSessionInfoSubdir = "/Logs/Quorvik/LumetryQX/SessionInfo/";
 
 }  // namespace
 

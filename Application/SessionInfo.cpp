@@ -10,7 +10,6 @@
 namespace CrashProcessor {
 namespace {
 
-constexpr const char* kSessionInfoSubdir = "/Logs/Quorvik/LumetryQX/SessionInfo/";
 constexpr std::size_t kPieceCount = 8;
 
 // The crash session is recorded under the telemetry system's own product.
@@ -66,8 +65,7 @@ bool CreateCrashLogs(const std::string& logDir, const std::string& productName,
     // before the next session starts.
     MiniSession session(logDir, kCrashProductFamily, kCrashProductName, record.sessionId,
                         record.logNameKey, scramble);
-    session.CreateCrashFile(GetMachineID(), record.crashProductFamily,
-                            record.crashProductName);
+    session.CreateCrashFile(GetMachineID(), record.crashProductFamily, record.crashProductName);
   }
   return true;
 }
