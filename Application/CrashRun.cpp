@@ -5,23 +5,17 @@
 
 #include "FileUtil.h"
 #include "Preferences.h"
+#include "RuntimePlaces.h"
 #include "SessionInfo.h"
 #include "Trace.h"
 
 namespace CrashProcessor {
-namespace {
-
-constexpr const char* kPreferenceDomain = "com.quorvik.lumetryqx";
-constexpr const char* kObfuscateKey = "obfuscate";
-constexpr const char* kLogSubdir = "/Logs/Quorvik/LogCourier2QX/";
-
-}  // namespace
 
 bool GetUserLibraryDirectory(std::string* dir) { return FileUtil::GetUserLibraryDirectory(dir); }
 
 void ReadObfuscatePreference(std::int32_t* flag) {
   // Absent or not a number: the caller's value stands.
-  GetPreferenceNumber(kObfuscateKey, kPreferenceDomain, flag, PrefUser::kCurrentUser,
+  GetPreferenceNumber(Places::kObfuscateKey, Places::kTelemetryDomain, flag, PrefUser::kCurrentUser,
                       PrefHost::kCurrentHost);
 }
 
@@ -55,7 +49,7 @@ int Run(int argc, const char* const argv[]) {
   std::int32_t obfuscate = 1;
   ReadObfuscatePreference(&obfuscate);
 
-  const std::string logDir = libraryDir + kLogSubdir;
+  const std::string logDir = libraryDir + Places::kUploaderLogSubdir;
   if (!CreateCrashLogs(logDir, productName, names, obfuscate == 1)) {
     Trace(" Can not create the crashed log files!");
     status = kRunCrashLogsFailed;
@@ -63,7 +57,7 @@ int Run(int argc, const char* const argv[]) {
 
   // Every matched file goes, valid or not, so a bad file never blocks later runs.
   Trace("Delete Session Files");
-  DeleteSessionFiles(libraryDir + kSessionInfoSubdir, names);
+  DeleteSessionFiles(libraryDir + Places::kSessionInfoSubdir, names);
   return status;
 }
 

@@ -4,6 +4,7 @@
 #include "FileUtil.h"
 #include "MiniSession.h"
 #include "PrivacyPrefs.h"
+#include "RuntimePlaces.h"
 #include "StringUtil.h"
 #include "Trace.h"
 
@@ -23,7 +24,7 @@ bool FindSessionInfoFiles(const std::string& libraryDir, const std::string& prod
   names->clear();
   if (productName.empty() || pid.empty()) return false;
   const std::vector<std::string> keys = {productName, pid};
-  return FileUtil::ListDirectoryMatching(libraryDir + kSessionInfoSubdir, keys, names);
+  return FileUtil::ListDirectoryMatching(libraryDir + Places::kSessionInfoSubdir, keys, names);
 }
 
 SessionInfoRecord ParseSessionInfoName(const std::string& fileName) {

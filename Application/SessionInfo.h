@@ -12,9 +12,6 @@
 
 namespace CrashProcessor {
 
-// The session-information directory below the user's Library directory.
-constexpr const char* kSessionInfoSubdir = "/Logs/Quorvik/LumetryQX/SessionInfo/";
-
 // A session-information file name and its eight pieces (all empty when the
 // name does not split into exactly eight).
 struct SessionInfoRecord {

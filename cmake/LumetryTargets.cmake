@@ -1,43 +1,31 @@
-# Helpers that declare the project's libraries, tests and tools.
+# Helpers that declare the project's libraries and tests. A source or test
+# file that does not exist is an error at configure time, never skipped.
 
 # lumetry_library(<name> SOURCES <files...> DEPS <targets...> [PRIVATE_DEPS <targets...>])
 # A static library of the utility layer. Paths are relative to Utility/src.
 function(lumetry_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
-  set(sources "")
-  foreach(src IN LISTS ARG_SOURCES)
-    set(full "${LUMETRY_UTILITY_DIR}/${src}")
-    if(EXISTS "${full}")
-      list(APPEND sources "${full}")
-    endif()
-  endforeach()
-  if(sources)
-    add_library(${name} STATIC ${sources})
-    target_include_directories(${name} PUBLIC "${LUMETRY_UTILITY_DIR}")
-    target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE lumetry_warnings ${ARG_PRIVATE_DEPS})
-  else()
-    add_library(${name} INTERFACE)
-    target_include_directories(${name} INTERFACE "${LUMETRY_UTILITY_DIR}")
-    target_link_libraries(${name} INTERFACE ${ARG_DEPS})
+  if(NOT ARG_SOURCES)
+    message(FATAL_ERROR "lumetry_library(${name}): no SOURCES")
   endif()
+  list(TRANSFORM ARG_SOURCES PREPEND "${LUMETRY_UTILITY_DIR}/")
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC "${LUMETRY_UTILITY_DIR}")
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE lumetry_warnings ${ARG_PRIVATE_DEPS})
 endfunction()
 
-# lumetry_test(<Name> DEPS <targets...>): tests/<Name>.cpp as one GoogleTest
-# executable; skipped while the file does not exist.
+# lumetry_test(<Name> [PROGRAMS] DEPS <targets...>): tests/<Name>.cpp as one
+# GoogleTest executable. PROGRAMS: the suite drives the built programs, which
+# are then built first.
 function(lumetry_test name)
   cmake_parse_arguments(ARG "PROGRAMS" "" "DEPS" ${ARGN})
-  set(src "${CMAKE_CURRENT_SOURCE_DIR}/${name}.cpp")
-  if(NOT EXISTS "${src}")
-    return()
-  endif()
-  add_executable(${name} "${src}")
+  add_executable(${name} "${CMAKE_CURRENT_SOURCE_DIR}/${name}.cpp")
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} lumetry_test_support
                         GTest::gtest GTest::gmock GTest::gtest_main lumetry_warnings)
   target_compile_definitions(${name} PRIVATE
     CRASH_PROCESSOR_PATH="$<TARGET_FILE:crash-processor>"
     TOOLS_DIR="${CMAKE_BINARY_DIR}/tools")
   if(ARG_PROGRAMS)
-    # Drives the built programs: they must be built first.
     get_property(tools GLOBAL PROPERTY LUMETRY_TOOL_TARGETS)
     add_dependencies(${name} crash-processor ${tools})
   endif()

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "FileIO.h"
 #include "FileUtil.h"
 #include "Posix/ScopedFd.h"
 #include "TestSupport.h"
@@ -158,8 +159,8 @@ TEST(FileUtilProbes, SizesReadsLocksAndABlockedLibrary) {
   std::uint64_t logical = 0, physical = 0;
   EXPECT_TRUE(FileUtil::GetDirectorySize(tmp.Sub("t"), &logical, &physical) && logical == 101u);
   std::string text;
-  EXPECT_FALSE(FileUtil::ReadSmallFile(tmp.Sub("t/a"), 99, &text));
-  EXPECT_TRUE(FileUtil::ReadSmallFile(tmp.Sub("t/a"), 100, &text));
+  EXPECT_EQ(FileIO::ReadStatus::kTooLarge, FileIO::ReadFile(tmp.Sub("t/a"), 99, &text));
+  EXPECT_EQ(FileIO::ReadStatus::kOk, FileIO::ReadFile(tmp.Sub("t/a"), 100, &text));
   EXPECT_EQ(std::string(100, 'a'), text);
 
   EXPECT_FALSE(FileUtil::IsFileLocked(tmp.Sub("lock")));  // creates the file

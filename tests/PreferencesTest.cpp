@@ -201,7 +201,7 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
     if (pid == 0) {
       for (std::int32_t i = 0;; ++i) SetPreferenceNumber("counter", kDomain, i, kMe, kAny);
     }
-    usleep(round * 2000);  // killed at a different moment each round
+    usleep(static_cast<useconds_t>(round) * 2000);  // killed at a different moment each round
     kill(pid, SIGKILL);
     int status = 0;
     EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WTERMSIG(status) == SIGKILL);

@@ -86,7 +86,7 @@ TEST(SettingsFileTest, RoundTripAndGarbage) {
   ts::ScopedTempDir dir;
   const std::string path = dir.Sub("round.cfg");
   std::mt19937 rng(20240611);
-  auto pick = [&rng](const char* set, unsigned length) {
+  auto pick = [&rng](const char* set, std::size_t length) {
     std::string out;
     while (length-- > 0) out += set[rng() % std::strlen(set)];
     return out;
@@ -94,7 +94,7 @@ TEST(SettingsFileTest, RoundTripAndGarbage) {
   SettingsFile loaded;
   for (int round = 0; round < 200; ++round) {
     SettingsFile original;
-    for (unsigned i = rng() % 12; i > 0; --i) {
+    for (auto i = rng() % 12; i > 0; --i) {
       const std::string name = pick("abXY09_.-#;[", rng() % 6) + "/" + pick("aBz09_.", 1) +
                                pick("aXz0 .#;[/|", rng() % 8);
       const std::string value = pick("aB=[#/\x01\xC3", 1) +

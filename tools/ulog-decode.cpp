@@ -3,42 +3,29 @@
 // A ".xml" file is printed as it is. Any other file is decoded when it
 // carries the marker and printed as it is otherwise.
 #include <getopt.h>
-#include <sys/stat.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 
+#include "FileIO.h"
 #include "MiniSession.h"
 
 namespace {
 
 constexpr const char* kUsage = "usage: ulog-decode FILE...";
+// Usage logs are a few kilobytes; anything past this is not one.
+constexpr std::size_t kMaxLogBytes = std::size_t{16} << 20;
 
 bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() &&
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// A usage log is a regular file; a directory "opens" but reads as nothing.
-bool ReadWholeFile(const std::string& path, std::string* contents) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  if (in.bad()) return false;
-  *contents = buffer.str();
-  return true;
-}
-
 // Decodes one file into `text`; on failure `error` says why.
 bool DecodeFile(const std::string& path, std::string* text, std::string* error) {
   std::string contents;
-  if (!ReadWholeFile(path, &contents)) {
+  if (FileIO::ReadFile(path, kMaxLogBytes, &contents) != FileIO::ReadStatus::kOk) {
     *error = "cannot read the file";
     return false;
   }

@@ -1,13 +1,14 @@
 // The portable part of FileUtil: path arithmetic and the listing, deleting,
 // matching and comparing logic, built on the primitives of
-// Posix/FileUtilPlatform.h. Paths are byte strings; names that are not valid
+// FileUtilPlatform.h. Paths are byte strings; names that are not valid
 // UTF-8 pass through untouched.
 #include "FileUtil.h"
 
 #include <fstream>
 #include <memory>
 
-#include "Posix/FileUtilPlatform.h"
+#include "ExtendedRegex.h"
+#include "FileUtilPlatform.h"
 
 namespace FileUtil {
 namespace {
@@ -184,21 +185,6 @@ bool IsFileSizeAtMost(const std::string& path, std::int32_t limit) {
   return size32 <= limit;
 }
 
-bool ReadSmallFile(const std::string& path, std::size_t max_bytes, std::string* contents) {
-  if (contents == nullptr) return false;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::string data;
-  char buffer[4096];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    data.append(buffer, static_cast<std::size_t>(in.gcount()));
-    if (data.size() > max_bytes) return false;
-  }
-  if (in.bad()) return false;
-  *contents = std::move(data);
-  return true;
-}
-
 // ---- Listings ----
 
 bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
@@ -281,9 +267,9 @@ void DeleteMatching(const std::string& dir, const std::string& pattern, bool rec
 
   bool wildcard = pattern.find_first_of("*?") != std::string::npos;
   // Compiled once: the expression is the same for every entry.
-  std::unique_ptr<platform::ExtendedRegex> regex;
+  std::unique_ptr<ExtendedRegex> regex;
   if (wildcard) {
-    regex = std::make_unique<platform::ExtendedRegex>(WildcardToExtendedRegex(pattern));
+    regex = std::make_unique<ExtendedRegex>(WildcardToExtendedRegex(pattern));
     if (!regex->IsValid()) return;
   }
 

@@ -5,7 +5,8 @@
 // means, whether a missing item counts as removed, how permissions are
 // inherited). Out-parameters are written only on success. Nothing throws.
 // The portable part lives in FileUtil.cpp; the Linux bindings in
-// Posix/FileUtilPosix.cpp.
+// Posix/FileUtilPosix.cpp and Posix/FileTreePosix.cpp; whole-file reads and
+// atomic replacement are FileIO.h.
 #ifndef LUMETRY_UTILITY_FILEUTIL_H_
 #define LUMETRY_UTILITY_FILEUTIL_H_
 
@@ -54,10 +55,6 @@ bool IsNewer(const std::string& source, const std::string& destination);
 bool GetDirectorySize(const std::string& path, std::uint64_t* logical, std::uint64_t* physical);
 bool IsFileSizeAtMost(const std::string& path, std::int32_t limit);
 bool IsFileLocked(const std::string& path);
-// The whole contents of the file at `path`; false when it cannot be read or
-// holds more than `max_bytes` bytes. For the small text files that the
-// probes and the path seam read.
-bool ReadSmallFile(const std::string& path, std::size_t max_bytes, std::string* contents);
 
 // ---- Listings ----
 // Appends (never clears) the names of `dir` that contain every substring;

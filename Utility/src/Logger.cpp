@@ -4,8 +4,6 @@
 // stay usable until the very end of the process, static destructors included.
 #include "Logger.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -13,14 +11,15 @@
 #include <new>
 
 #include "FileUtil.h"
+#include "Guarded.h"
 #include "PlatformPaths.h"
+#include "ProcessId.h"
+#include "RuntimePlaces.h"
 #include "StringUtil.h"
 #include "UsageDoc.h"
 
 namespace {
 
-constexpr const char* kConfigFileName = "VxLog.config";
-constexpr const char* kLogDirectoryAndPrefix = "/Logs/Quorvik/LumetryQX/VxLog-";
 constexpr const char* kConfigSeparators = " =;,";
 constexpr std::size_t kConfigLineBuffer = 512;
 
@@ -47,30 +46,21 @@ GlobalItemRegistry& GlobalItemRegistry::Get() {
   return *registry;
 }
 
+// An item that cannot be listed (out of memory) still lives for the whole
+// process, which is all the list is for.
 void GlobalItemRegistry::AddItem(GlobalItem* item) {
-  // An item that cannot be listed still lives for the whole process, which is
-  // all the list is for.
-  try {
-    items_.push_back(item);
-  } catch (...) {
-  }
+  GuardedRun([&] { items_.push_back(item); });
 }
 
 void GlobalItemRegistry::AddConfigPath(const std::string& path) {
-  try {
-    configPaths_.push_back(path);
-  } catch (...) {
-  }
+  GuardedRun([&] { configPaths_.push_back(path); });
 }
 
 Logger::LoggerFile::LoggerFile(const std::string& path, bool append) {
   if (path.empty()) return;
-  try {
-    stream_.open(path, append ? std::ios::out | std::ios::app : std::ios::out);
-    // A stream that could not be opened stays failed, so every line is dropped.
-    if (stream_.fail()) stream_.close();
-  } catch (...) {
-  }
+  stream_.open(path, append ? std::ios::out | std::ios::app : std::ios::out);
+  // A stream that could not be opened stays failed, so every line is dropped.
+  if (stream_.fail()) stream_.close();
 }
 
 Logger::Logger(std::ostream* stream) : stream_(stream) {}
@@ -110,25 +100,24 @@ void Logger::Info(const std::string& value, const std::string& file, std::int32_
 }
 
 void Logger::Log(const std::string& level, const std::string& value, const std::string& detail) {
-  try {
+  GuardedRun([&] {
     if (stream_ == nullptr || stream_->fail()) return;  // fail() covers a bad stream too
     std::string line;
     line.append("[").append(level).append("]");
-    line.append(" | PID:").append(std::to_string(static_cast<long>(::getpid())));
+    line.append(" | PID:").append(std::to_string(Platform::CurrentProcessId()));
     line.append(" | TIME:").append(UsageDoc::CurrentTime());
     line.append(" | VALUE:").append(value);
     line.append(" | DETAIL:").append(detail);
     // One write per line, flushed at once, so an abrupt end loses nothing.
     *stream_ << line << '\n';
     stream_->flush();
-  } catch (...) {
-  }
+  });
 }
 
 Logger& Logger::Instance(const std::string& name) {
   static Logger* logger = nullptr;
   static LoggerFile* loggerFile = nullptr;
-  try {
+  Logger* const found = Guarded<Logger*>(nullptr, [&name]() -> Logger* {
     GlobalItemRegistry& registry = GlobalItemRegistry::Get();
     // Looked up on the first call only; a path that could not be kept (out of
     // memory) leaves the index past the end, which reads as no configuration.
@@ -146,7 +135,7 @@ Logger& Logger::Instance(const std::string& name) {
       // Computed on every call: it re-creates a log directory removed while
       // the process runs.
       std::string logPath = LogFilePath(name);
-      if (logger != nullptr) return *logger;
+      if (logger != nullptr) return logger;
       if (!logPath.empty()) {
         if (loggerFile == nullptr) {
           loggerFile = new LoggerFile(logPath, ReadConfigValue(configPath, "append") == "1");
@@ -154,17 +143,17 @@ Logger& Logger::Instance(const std::string& name) {
         }
         logger = new Logger(loggerFile->Stream());
         registry.AddItem(logger);
-        return *logger;
+        return logger;
       }
     }
     if (logger == nullptr) {
       logger = new NULLLogger(&std::cout);
       registry.AddItem(logger);
     }
-    return *logger;
-  } catch (...) {
-    return logger != nullptr ? *logger : EmergencyLogger();
-  }
+    return logger;
+  });
+  if (found != nullptr) return *found;
+  return logger != nullptr ? *logger : EmergencyLogger();
 }
 
 NULLLogger::NULLLogger(std::ostream* stream) : Logger(stream) {}
@@ -181,15 +170,11 @@ void NULLLogger::Debug(const std::string&, const std::string&, std::int32_t) {}
 void NULLLogger::Info(const std::string&, const std::string&, std::int32_t) {}
 
 std::string FormatPosition(const std::string& file, std::int32_t line) {
-  try {
-    return "File:" + file + " LINE:" + std::to_string(line);
-  } catch (...) {
-    return std::string();
-  }
+  return Guarded(std::string(), [&] { return "File:" + file + " LINE:" + std::to_string(line); });
 }
 
 std::string ReadConfigValue(const std::string& configPath, const std::string& key) {
-  try {
+  return Guarded(std::string(), [&] {
     // Read-write without creating or truncating: a file that may not be
     // written to is deliberately treated as having no settings.
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(configPath.c_str(), "r+"));
@@ -213,32 +198,26 @@ std::string ReadConfigValue(const std::string& configPath, const std::string& ke
       if (tokens.size() >= 2 && tokens[0] == key) value = tokens[1];
     }
     return value;
-  } catch (...) {
-    return std::string();
-  }
+  });
 }
 
 std::string ConfigFilePath() {
-  try {
+  return Guarded(std::string(), [] {
     std::string bundle;
     std::string directory;
     if (Platform::GetMainBundlePath(&bundle) && !bundle.empty()) {
       directory = FileUtil::WithTrailingSeparator(bundle);
     }
-    return directory + kConfigFileName;
-  } catch (...) {
-    return std::string();
-  }
+    return directory + Places::kDiagnosticConfigName;
+  });
 }
 
 std::string LogFilePath(const std::string& name) {
-  try {
+  return Guarded(std::string(), [&] {
     std::string library;
     if (!FileUtil::GetUserLibraryDirectory(&library)) return std::string();
-    std::string path = library + kLogDirectoryAndPrefix + name + ".txt";
+    std::string path = library + Places::kDiagnosticLogPrefix + name + ".txt";
     std::string directory = path.substr(0, path.rfind('/'));
     return FileUtil::CreateDirectories(directory) ? path : std::string();
-  } catch (...) {
-    return std::string();
-  }
+  });
 }

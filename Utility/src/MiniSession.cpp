@@ -8,7 +8,9 @@
 #include <limits>
 
 #include "FileUtil.h"
+#include "Guarded.h"
 #include "Logger.h"
+#include "RuntimePlaces.h"
 #include "SafeStr.h"
 
 namespace {
@@ -19,10 +21,7 @@ constexpr std::size_t kMaxTextLength =
 
 // Best effort: a trace that cannot be built (out of memory) is dropped.
 void Trace(const char* text, std::int32_t line) {
-  try {
-    Logger::Instance("LogSession").Debug(text, kTraceSource, line);
-  } catch (...) {
-  }
+  GuardedRun([&] { Logger::Instance(Places::kSessionLoggerName).Debug(text, kTraceSource, line); });
 }
 
 std::string Rot47(std::string bytes) {
@@ -51,9 +50,9 @@ std::int32_t MiniSession::CreateCrashFile(const std::string& machineId,
                                           const std::string& crashProductFamily,
                                           const std::string& crashProductName) {
   Trace("MiniSession::CreateCrashFile", 214);
-  // The fragment writers never throw; only the names below may fail to be
-  // built, and then the rest of the document is lost.
-  try {
+  // Only building a fragment may fail (out of memory), and then the rest of
+  // the document is lost.
+  GuardedRun([&] {
     StartSession();
     const std::int32_t session = NewGroup("Lumetry", "Crash", "Session", "");
     DataRec(session, "ProductFamily", productFamily_);
@@ -64,13 +63,11 @@ std::int32_t MiniSession::CreateCrashFile(const std::string& machineId,
     DataRec(exitInfo, "CrashProductFamily", crashProductFamily);
     DataRec(exitInfo, "MachineID", machineId);
     EndSession();
-  } catch (...) {
-  }
+  });
   return 0;
 }
 
-// The UsageDoc builders answer "" instead of throwing, and Write never
-// throws, so the fragment writers need no guard of their own.
+// The fragment writers are guarded by CreateCrashFile, their one caller.
 std::int32_t MiniSession::StartSession() {
   const std::int32_t seq = counters_.NextSeq();
   Write(UsageDoc::StartFragment(sessionId_, UsageDoc::CurrentTime(), seq).c_str());
@@ -102,7 +99,8 @@ std::int32_t MiniSession::EndSession() {
 
 std::int32_t MiniSession::Write(const char* text) {
   if (text == nullptr) return -1;
-  try {
+  // Only an allocation can fail here; the fragment is then lost.
+  return Guarded<std::int32_t>(-3, [&]() -> std::int32_t {
     if (!file_.IsOpen()) {
       MakeFilePath();
       Trace(("MiniSession::Write: " + path_).c_str(), 176);
@@ -131,10 +129,7 @@ std::int32_t MiniSession::Write(const char* text) {
       file_.Write(text, length);
     }
     return 0;
-  } catch (...) {
-    // Only an allocation can fail here; the fragment is lost.
-    return -3;
-  }
+  });
 }
 
 void MiniSession::MakeFilePath() {
@@ -153,17 +148,10 @@ std::int32_t MiniSession::WriteFileMarker() {
 
 std::string MiniSession::ScrambleText(const char* text) {
   if (text == nullptr) return std::string();
-  try {
-    return Rot47(std::string(text, SafeStr::StrNLen(text, kMaxTextLength)));
-  } catch (...) {
-    return std::string();
-  }
+  return Guarded(std::string(),
+                 [&] { return Rot47(std::string(text, SafeStr::StrNLen(text, kMaxTextLength))); });
 }
 
 std::string MiniSession::UnscrambleText(const std::string& bytes) {
-  try {
-    return Rot47(bytes);
-  } catch (...) {
-    return std::string();
-  }
+  return Guarded(std::string(), [&] { return Rot47(bytes); });
 }

@@ -7,6 +7,7 @@
 
 #include <climits>
 
+#include "Guarded.h"
 #include "StringUtil.h"
 
 namespace {
@@ -26,6 +27,8 @@ struct PIIPrefParser::Handlers {
     XML_Parser parser;
   };
 
+  // Exceptions must not cross the C parser's frames: a handler that cannot
+  // allocate stops the parse instead.
   static void XMLCALL Start(void* data, const XML_Char* name, const XML_Char** attributes) {
     auto* context = static_cast<Context*>(data);
     try {
@@ -77,21 +80,21 @@ PIIPrefParser::PIIPrefParser(const std::string& text) {
 PIIPrefParser::~PIIPrefParser() = default;
 
 PIINoticeAccess::PIINoticeAccess(const std::string& text) {
-  try {
+  // Out of memory: no parser, so GetValue answers "".
+  GuardedRun([&] {
     text_ = text;
     parser_ = std::make_unique<PIIPrefParser>(text_);
-  } catch (...) {
-    // Out of memory: no parser, so GetValue answers "".
-  }
+  });
 }
 
 PIINoticeAccess::~PIINoticeAccess() = default;
 
 void PIINoticeAccess::GetValue(std::string* value) const {
   if (value == nullptr) return;
-  try {
-    *value = parser_ ? parser_->Value() : std::string();
-  } catch (...) {
+  if (!Guarded(false, [&] {
+        *value = parser_ ? parser_->Value() : std::string();
+        return true;
+      })) {
     value->clear();
   }
 }

@@ -3,12 +3,14 @@
 // success flag, never throws, and leaves its out-arguments untouched on
 // failure (so callers preset their defaults). Every read sees the domain as it
 // is on disk now; every write is on disk when the call returns.
-// Linux binding (property-list files, libplist): Posix/PreferenceStorePosix.cpp.
+// Linux bindings (property-list files, libplist): Posix/PrefValuePosix.cpp for
+// the values, Posix/PreferenceStorePosix.cpp for the files.
 #ifndef LUMETRY_UTILITY_PREFERENCES_H_
 #define LUMETRY_UTILITY_PREFERENCES_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,12 +33,11 @@ enum PrefKind : int {
 // when the scope ends.
 class PrefValue {
  public:
-  PrefValue();
-  ~PrefValue();
+  PrefValue() = default;
   PrefValue(const PrefValue&) = delete;
   PrefValue& operator=(const PrefValue&) = delete;
-  PrefValue(PrefValue&& other) noexcept;
-  PrefValue& operator=(PrefValue&& other) noexcept;
+  PrefValue(PrefValue&& other) noexcept = default;
+  PrefValue& operator=(PrefValue&& other) noexcept = default;
 
   static PrefValue String(const std::string& utf8);
   static PrefValue Number(std::int32_t value);
@@ -56,11 +57,12 @@ class PrefValue {
 
   // Adopts / exposes the underlying node (a plist_t on this platform).
   static PrefValue Adopt(void* node);
-  void* Node() const { return node_; }
-  void* Release();
+  void* Node() const { return node_.get(); }
+  void* Release() { return node_.release(); }
 
  private:
-  void* node_ = nullptr;
+  // The node with the platform's release function (null for none).
+  std::unique_ptr<void, void (*)(void*)> node_{nullptr, nullptr};
 };
 
 // Reads answer false, leaving the out-argument as it was, when the value is

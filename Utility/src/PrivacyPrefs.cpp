@@ -2,30 +2,21 @@
 // preference layer; the PII notice flag comes from its XML file.
 #include "PrivacyPrefs.h"
 
-#include <uuid/uuid.h>
+#include <algorithm>
 
-#include <fstream>
-
+#include "FileIO.h"
 #include "FileUtil.h"
+#include "Guarded.h"
 #include "PIIPrefParser.h"
 #include "Preferences.h"
+#include "RuntimePlaces.h"
 #include "StringUtil.h"
+#include "Uuid.h"
 
 namespace {
 
-constexpr const char* kDomain = "com.quorvik.lumetryqx";
-constexpr const char* kSystemDomain = "com.quorvik.lumetry.apipqx";
-constexpr const char* kMachineIdKey = "MachineID";
-constexpr const char* kObfuscateKey = "obfuscate";
-constexpr const char* kSendKey = "send";
-constexpr const char* kUserTypeKey = "UserType";
-constexpr const char* kEnabledKey = "Enabled";
-constexpr const char* kOptInEntry = "optin";
-// The signed-in person is recorded by the host applications as the string
-// "PersonGUID" of the domain. Nobody signed in means no person and so no
-// opt-in dictionary: the opt-in keeps its default.
-constexpr const char* kPersonKey = "PersonGUID";
-constexpr const char* kPIIPrefsSuffix = "/Application Support/Quorvik/PII/com.quorvik.pii.prefs";
+// The PII file is a few lines of XML; a larger file is not one.
+constexpr std::size_t kMaxPIIPrefsBytes = std::size_t{1} << 20;
 
 std::int32_t ReadFlag(const char* key, const char* domain, PrefUser user) {
   std::int32_t value = 1;
@@ -33,98 +24,92 @@ std::int32_t ReadFlag(const char* key, const char* domain, PrefUser user) {
   return value;
 }
 
-std::string NewIdentifier() {
-  uuid_t uuid;
-  uuid_generate_random(uuid);
-  char text[37] = {};
-  uuid_unparse_upper(uuid, text);
-  return text;
-}
-
 }  // namespace
 
 std::string GetMachineID() {
-  try {
+  return Guarded(std::string(), [] {
     std::string id;
-    if (GetPreferenceString(kMachineIdKey, kDomain, &id, PrefUser::kCurrentUser,
-                            PrefHost::kCurrentHost)) {
+    if (GetPreferenceString(Places::kMachineIdKey, Places::kTelemetryDomain, &id,
+                            PrefUser::kCurrentUser, PrefHost::kCurrentHost)) {
       return id;
     }
     // Created under the domain's lock: a concurrent first caller's identifier
     // wins and is answered here too.
-    std::string fresh = NewIdentifier();
-    if (GetOrAddPreferenceString(kMachineIdKey, kDomain, fresh, &id, PrefUser::kCurrentUser,
-                                 PrefHost::kCurrentHost)) {
+    std::string fresh = Platform::NewRandomUuid();
+    if (GetOrAddPreferenceString(Places::kMachineIdKey, Places::kTelemetryDomain, fresh, &id,
+                                 PrefUser::kCurrentUser, PrefHost::kCurrentHost)) {
       return id;
     }
     return fresh;
-  } catch (...) {
-    return "";
-  }
+  });
 }
 
-bool IsObfuscationOn() { return ReadFlag(kObfuscateKey, kDomain, PrefUser::kCurrentUser) != 0; }
+bool IsObfuscationOn() {
+  return ReadFlag(Places::kObfuscateKey, Places::kTelemetryDomain, PrefUser::kCurrentUser) != 0;
+}
 
-bool IsSendAllowed() { return ReadFlag(kSendKey, kDomain, PrefUser::kCurrentUser) != 0; }
+bool IsSendAllowed() {
+  return ReadFlag(Places::kSendKey, Places::kTelemetryDomain, PrefUser::kCurrentUser) != 0;
+}
 
 bool IsCollectionDisabled() {
-  return ReadFlag(kEnabledKey, kSystemDomain, PrefUser::kAnyUser) == 0;
+  return ReadFlag(Places::kEnabledKey, Places::kSystemDomain, PrefUser::kAnyUser) == 0;
 }
 
+// The signed-in person is recorded by the host applications as the string
+// "PersonGUID" of the domain. Nobody signed in means no person and so no
+// opt-in dictionary: the opt-in keeps its default.
 std::int32_t GetOptIn() {
   std::int32_t optin = 1;
   std::string person;
-  if (GetPreferenceString(kPersonKey, kDomain, &person, PrefUser::kCurrentUser,
-                          PrefHost::kCurrentHost)) {
-    GetPreferenceDictionaryNumber(person, kOptInEntry, kDomain, &optin, PrefUser::kCurrentUser,
-                                  PrefHost::kCurrentHost);
+  if (GetPreferenceString(Places::kPersonKey, Places::kTelemetryDomain, &person,
+                          PrefUser::kCurrentUser, PrefHost::kCurrentHost)) {
+    GetPreferenceDictionaryNumber(person, Places::kOptInEntry, Places::kTelemetryDomain, &optin,
+                                  PrefUser::kCurrentUser, PrefHost::kCurrentHost);
   }
   return optin;
 }
 
 std::string GetUserType() {
   std::string type;
-  GetPreferenceString(kUserTypeKey, kDomain, &type, PrefUser::kCurrentUser, PrefHost::kCurrentHost);
+  GetPreferenceString(Places::kUserTypeKey, Places::kTelemetryDomain, &type,
+                      PrefUser::kCurrentUser, PrefHost::kCurrentHost);
   return type;
 }
 
 bool ReadTelemetryNumber(const std::string& dictionary, const std::string& entry,
                          std::int32_t* value) {
-  return GetPreferenceDictionaryNumber(dictionary, entry, kDomain, value, PrefUser::kCurrentUser,
-                                       PrefHost::kCurrentHost);
+  return GetPreferenceDictionaryNumber(dictionary, entry, Places::kTelemetryDomain, value,
+                                       PrefUser::kCurrentUser, PrefHost::kCurrentHost);
 }
 
 bool WriteTelemetryNumber(const std::string& dictionary, const std::string& entry,
                           std::int32_t value) {
-  return SetPreferenceDictionaryNumber(dictionary, entry, kDomain, value, PrefUser::kCurrentUser,
-                                       PrefHost::kCurrentHost);
+  return SetPreferenceDictionaryNumber(dictionary, entry, Places::kTelemetryDomain, value,
+                                       PrefUser::kCurrentUser, PrefHost::kCurrentHost);
 }
 
 std::string GetPIIPrefsPath() {
-  try {
+  return Guarded(std::string(), [] {
     std::string library;
-    if (!FileUtil::GetUserLibraryDirectory(&library) || library.empty()) return "";
-    return library + kPIIPrefsSuffix;
-  } catch (...) {
-    return "";
-  }
+    if (!FileUtil::GetUserLibraryDirectory(&library) || library.empty()) return std::string();
+    return library + Places::kPIIPrefsSubpath;
+  });
 }
 
 bool IsPIINoticeShown() {
-  try {
+  return Guarded(false, [] {
     const std::string path = GetPIIPrefsPath();
-    if (path.empty()) return false;
-    std::ifstream file(path);
-    if (!file.is_open()) return false;
-    // Line breaks are dropped, so an element written over two lines reads as one.
     std::string text;
-    std::string line;
-    while (std::getline(file, line)) text += line;
+    if (path.empty() ||
+        FileIO::ReadFile(path, kMaxPIIPrefsBytes, &text) != FileIO::ReadStatus::kOk) {
+      return false;
+    }
+    // Line breaks are dropped, so an element written over two lines reads as one.
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
     PIINoticeAccess access(text);
     std::string value;
     access.GetValue(&value);
     return StringUtil::ToLower(value) == "yes";
-  } catch (...) {
-    return false;
-  }
+  });
 }

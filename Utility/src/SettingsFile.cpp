@@ -1,7 +1,7 @@
 // The settings-file parser and writer; see SettingsFile.h for the syntax.
 #include "SettingsFile.h"
 
-#include "Posix/UploaderFiles.h"
+#include "FileIO.h"
 #include "StringUtil.h"
 
 namespace {
@@ -27,7 +27,7 @@ std::string SectionOf(const std::string& path) { return path.substr(0, path.find
 int SettingsFile::Load(const std::string& path) {
   entries_.clear();
   std::string contents;
-  if (!UploaderFiles::ReadWholeFile(path, &contents)) return -1;
+  if (FileIO::ReadFile(path, kMaxFileBytes, &contents) != FileIO::ReadStatus::kOk) return -1;
   ParseText(contents);
   return 0;
 }
@@ -82,7 +82,7 @@ int SettingsFile::Save(const std::string& path) const {
     }
     text += entry.first.substr(slash + 1) + "=" + entry.second + "\n";
   }
-  return UploaderFiles::ReplaceFile(path, text) ? 0 : -1;
+  return FileIO::ReplaceFile(path, text.data(), text.size()) ? 0 : -1;
 }
 
 std::string SettingsFile::GetValue(const std::string& section, const std::string& key) const {

@@ -25,6 +25,7 @@
 #ifndef LUMETRY_UTILITY_SETTINGSFILE_H_
 #define LUMETRY_UTILITY_SETTINGSFILE_H_
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <utility>
@@ -35,11 +36,14 @@ class SettingsFile {
   using Entries = std::map<std::string, std::string>;
   using EntryList = std::vector<std::pair<std::string, std::string>>;
 
+  // Settings files are small; a larger file is not loaded.
+  static constexpr std::size_t kMaxFileBytes = std::size_t{1} << 20;
+
   SettingsFile() = default;
 
   // Clears the dictionary, then parses the file. 0, or -1 when the file
-  // cannot be opened or read (a directory, a missing file); the dictionary
-  // is then empty.
+  // cannot be opened or read (a directory, a missing file, one of more than
+  // kMaxFileBytes); the dictionary is then empty.
   int Load(const std::string& path);
 
   // Parses `text` into the dictionary without clearing it first. Always 0.

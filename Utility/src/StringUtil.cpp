@@ -5,6 +5,7 @@
 
 #include <cctype>
 
+#include "Guarded.h"
 #include "SafeStr.h"
 
 namespace StringUtil {
@@ -12,32 +13,27 @@ namespace StringUtil {
 const char* const kWhitespace = " \t\r\n";
 
 std::string Trim(const std::string& text, const char* set) {
-  try {
+  return Guarded(std::string(), [&] {
     if (set == nullptr) return text;
     const std::size_t last = text.find_last_not_of(set);
     if (last == std::string::npos) return std::string();
     const std::size_t first = text.find_first_not_of(set);
     return text.substr(first, last + 1 - first);
-  } catch (...) {
-    return std::string();
-  }
+  });
 }
 
 std::string ToLower(std::string& text) {
   for (char& c : text) {
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
-  try {
-    return text;
-  } catch (...) {
-    return std::string();
-  }
+  return Guarded(std::string(), [&] { return text; });
 }
 
 void Split(const std::string& text, std::vector<std::string>* tokens,
            const std::string& delimiters) {
   if (tokens == nullptr || text.empty() || delimiters.empty()) return;
-  try {
+  // Out of memory, the tokens stay as they were.
+  GuardedRun([&] {
     // StrTok cuts its buffer apart, so it works on a terminated copy.
     std::vector<char> buffer(text.begin(), text.end());
     buffer.push_back('\0');
@@ -50,9 +46,7 @@ void Split(const std::string& text, std::vector<std::string>* tokens,
       found.emplace_back(token);
     }
     tokens->swap(found);
-  } catch (...) {
-    // Out of memory: the tokens stay as they were.
-  }
+  });
 }
 
 bool IsValidUTF8(const char* data, std::size_t length) {
@@ -98,17 +92,15 @@ bool IsValidUTF8(const std::string& text) { return IsValidUTF8(text.data(), text
 bool CFStringToUTF8(const std::string* value, std::string* out) {
   if (value == nullptr || out == nullptr) return false;
   if (!IsValidUTF8(*value)) return false;
-  try {
+  return Guarded(false, [&] {
     out->assign(*value, 0, value->find('\0'));  // an embedded NUL ends the text
-  } catch (...) {
-    return false;
-  }
-  return true;
+    return true;
+  });
 }
 
 std::string ToHex(std::uint64_t value, std::size_t width) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
-  try {
+  return Guarded(std::string(), [&] {
     std::string digits;
     while (value != 0) {
       digits += kDigits[value & 15];
@@ -118,9 +110,7 @@ std::string ToHex(std::uint64_t value, std::size_t width) {
     if (digits.size() < width) result.assign(width - digits.size(), '0');
     result.append(digits.rbegin(), digits.rend());
     return result;
-  } catch (...) {
-    return std::string();
-  }
+  });
 }
 
 }  // namespace StringUtil

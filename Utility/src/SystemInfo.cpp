@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <limits>
 
+#include "FileIO.h"
 #include "FileUtil.h"
 #include "Preferences.h"
+#include "RuntimePlaces.h"
 #include "StringUtil.h"
 
 namespace SystemInfo {
@@ -21,7 +23,7 @@ namespace {
 constexpr std::size_t kMaxSourceBytes = 1 << 20;
 
 bool ReadSmallFile(const std::string& path, std::string* text) {
-  return FileUtil::ReadSmallFile(path, kMaxSourceBytes, text);
+  return FileIO::ReadFile(path, kMaxSourceBytes, text) == FileIO::ReadStatus::kOk;
 }
 
 std::string TrimBlanks(const std::string& text) { return StringUtil::Trim(text, " \t\r\n"); }
@@ -134,7 +136,7 @@ std::string CPUSpeedMHzFrom(const std::string& maxFreqPath, const std::string& c
 }
 
 bool FindLaunchServicesBrowser(std::string* handler) {
-  PrefValue list = CopyPreferenceValue("LSHandlers", "com.apple.LaunchServices",
+  PrefValue list = CopyPreferenceValue(Places::kLaunchServicesHandlersKey, Places::kLaunchServicesDomain,
                                        PrefUser::kCurrentUser, PrefHost::kAnyHost);
   if (list.Kind() != kPrefArray) return false;
   for (std::size_t i = 0; i < list.Count(); ++i) {

@@ -4,22 +4,22 @@
 #include <climits>
 #include <cstdlib>
 
+#include "ExtendedRegex.h"
 #include "FileUtil.h"
 #include "PlatformPaths.h"
-#include "Posix/FileUtilPlatform.h"
+#include "RuntimePlaces.h"
 #include "SettingsFile.h"
 #include "UploaderStatus.h"
 
 namespace Uploader {
 
-const char* const kConfigFileName = "LogCourier2.cfg";
+const char* const kConfigFileName = Places::kUploaderConfigName;
 const char* const kUploaderBundleId = "com.quorvik.lumetry.LogCourier2App";
 const char* const kDefaultServerUrl = "https://lumetry.quorvik.com/lumetry";
 
 namespace {
 
 const char kSettingsSection[] = "settings";
-const char kUserConfigDir[] = "/Quorvik/LogCourier2QX/";
 
 // The local test server, then any host inside the maker's domain.
 const char* const kAllowedUrlPatterns[] = {
@@ -81,7 +81,7 @@ std::string GetUploaderConfigPath() {
 
   std::string support;
   if (!FileUtil::GetApplicationSupportDirectory(&support)) return std::string();
-  const std::string user_dir = FileUtil::JoinPath(support, kUserConfigDir);
+  const std::string user_dir = FileUtil::JoinPath(support, Places::kUploaderConfigSubdir);
   if (!FileUtil::Exists(user_dir) && !FileUtil::CreateDirectories(user_dir)) return std::string();
   std::string user_copy = FileUtil::JoinPath(user_dir, kConfigFileName);
   const bool has_user = FileUtil::Exists(user_copy);
@@ -146,7 +146,7 @@ bool IsAllowedServerUrl(const std::string& url) {
 }
 
 bool MatchesPattern(const std::string& text, const std::string& pattern) {
-  return FileUtil::platform::ExtendedRegex(pattern).Matches(text);
+  return ExtendedRegex(pattern).Matches(text);
 }
 
 void ReadUploaderConfig(SettingsFile& settings, UploaderConfig* config) {

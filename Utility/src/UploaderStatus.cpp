@@ -3,6 +3,7 @@
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
+#include "Guarded.h"
 #include "SettingsFile.h"
 
 namespace Uploader {
@@ -34,23 +35,19 @@ std::string StatusToString(UploaderStatus status) {
 
 int WakeDateState(const std::string& date_text, const boost::gregorian::date& today) {
   if (date_text.empty() || today.is_special()) return kNotPaused;
-  try {
-    // Year and month ranges, impossible days and non-numeric tokens all
-    // throw (out_of_range, bad_lexical_cast, ...): every one means "no date".
+  // Year and month ranges, impossible days and non-numeric tokens all throw
+  // (out_of_range, bad_lexical_cast, ...): every one means "no date".
+  return Guarded(kNotPaused, [&] {
     const boost::gregorian::date wake = boost::gregorian::from_simple_string(date_text);
     return (wake - today).days() > 0 ? kPaused : kNotPaused;
-  } catch (...) {
-    return kNotPaused;
-  }
+  });
 }
 
 int WakeDateState(const std::string& date_text) {
-  try {
-    // Throws when the clock cannot be converted to local time.
+  // local_day throws when the clock cannot be converted to local time.
+  return Guarded(kNotPaused, [&] {
     return WakeDateState(date_text, boost::gregorian::day_clock::local_day());
-  } catch (...) {
-    return kNotPaused;
-  }
+  });
 }
 
 int ReadUploaderStatus(SettingsFile& settings, const std::string& section, UploaderStatus* status) {

@@ -44,8 +44,7 @@ std::string SessionElement(const char* open, const std::string& id, const std::s
 }  // namespace
 
 std::string EscapeAttributeValue(const std::string& value) {
-  try {
-    // The value is taken as a C string; bytes that are not UTF-8 count as
+  // The value is taken as a C string; bytes that are not UTF-8 count as
     // nothing at all.
     const std::string text = value.substr(0, value.find('\0'));
     std::string escaped;
@@ -78,10 +77,7 @@ std::string EscapeAttributeValue(const std::string& value) {
         }
       }
     }
-    return escaped.empty() ? std::string(kNoValue) : escaped;
-  } catch (...) {
-    return std::string();
-  }
+  return escaped.empty() ? std::string(kNoValue) : escaped;
 }
 
 std::string FormatTime(std::time_t when) {
@@ -90,81 +86,61 @@ std::string FormatTime(std::time_t when) {
   char buffer[64];
   const std::size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (length == 0) return std::string();
-  try {
-    return std::string(buffer, length);
-  } catch (...) {
-    return std::string();
-  }
+  return std::string(buffer, length);
 }
 
 std::string CurrentTime() { return FormatTime(std::time(nullptr)); }
 
 std::string StartFragment(const std::string& id, const std::string& time, std::int32_t seq) {
-  try {
-    std::string text(kProlog);
-    text += kRootOpen;
-    text += kVersion;
-    text += kRootOpenEnd;
-    text += SessionElement(kStartSession, id, time, seq);
-    return text;
-  } catch (...) {
-    return std::string();
-  }
+  std::string text(kProlog);
+  text += kRootOpen;
+  text += kVersion;
+  text += kRootOpenEnd;
+  text += SessionElement(kStartSession, id, time, seq);
+  return text;
 }
 
 std::string NewGroupFragment(const std::string& category, const std::string& subcategory,
                              const std::string& name, const std::string& time, std::int32_t group,
                              const std::string& doc, std::int32_t seq) {
-  try {
-    std::string text(kNewGroup);
-    text += EscapeAttributeValue(category);
-    text += kSubcategory;
-    text += EscapeAttributeValue(subcategory);
-    text += kName;
-    text += EscapeAttributeValue(name);
-    text += kTime;
-    text += time;
-    text += kGroup;
-    text += std::to_string(group);
-    text += kDoc;
-    text += EscapeAttributeValue(doc);
-    text += kSeq;
-    text += std::to_string(seq);
-    text += kElementEnd;
-    return text;
-  } catch (...) {
-    return std::string();
-  }
+  std::string text(kNewGroup);
+  text += EscapeAttributeValue(category);
+  text += kSubcategory;
+  text += EscapeAttributeValue(subcategory);
+  text += kName;
+  text += EscapeAttributeValue(name);
+  text += kTime;
+  text += time;
+  text += kGroup;
+  text += std::to_string(group);
+  text += kDoc;
+  text += EscapeAttributeValue(doc);
+  text += kSeq;
+  text += std::to_string(seq);
+  text += kElementEnd;
+  return text;
 }
 
 std::string DataRecFragment(const std::string& time, std::int32_t group, const std::string& name,
                             const std::string& data, std::int32_t seq) {
-  try {
-    std::string text(kDataRec);
-    text += time;
-    text += kGroup;
-    text += std::to_string(group);
-    text += kName;
-    text += EscapeAttributeValue(name);
-    text += kData;
-    text += EscapeAttributeValue(data);
-    text += kSeq;
-    text += std::to_string(seq);
-    text += kElementEnd;
-    return text;
-  } catch (...) {
-    return std::string();
-  }
+  std::string text(kDataRec);
+  text += time;
+  text += kGroup;
+  text += std::to_string(group);
+  text += kName;
+  text += EscapeAttributeValue(name);
+  text += kData;
+  text += EscapeAttributeValue(data);
+  text += kSeq;
+  text += std::to_string(seq);
+  text += kElementEnd;
+  return text;
 }
 
 std::string EndFragment(const std::string& id, const std::string& time, std::int32_t seq) {
-  try {
-    std::string text = SessionElement(kEndSession, id, time, seq);
-    text += kRootClose;
-    return text;
-  } catch (...) {
-    return std::string();
-  }
+  std::string text = SessionElement(kEndSession, id, time, seq);
+  text += kRootClose;
+  return text;
 }
 
 }  // namespace UsageDoc

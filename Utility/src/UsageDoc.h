@@ -1,7 +1,9 @@
 // The text of a usage document (root UsageDoc, version "0.5.5"): fragments
 // written one after another, each ending in a line feed, with the record
 // counters and UTC time stamps. This is the only place that knows the text.
-// Nothing here throws: a text that cannot be built (out of memory) is "".
+// A piece of the usage-log writer: out of memory, a builder throws
+// std::bad_alloc to the writer's guarded entry points (MiniSession), which
+// drop what cannot be built.
 #ifndef LUMETRY_UTILITY_USAGEDOC_H_
 #define LUMETRY_UTILITY_USAGEDOC_H_
 

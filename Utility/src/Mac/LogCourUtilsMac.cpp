@@ -7,17 +7,13 @@
 #include "Launch.h"
 #include "Logger.h"
 #include "PlatformPaths.h"
+#include "RuntimePlaces.h"
 
 namespace {
 
-const char kExecutableInApp[] = "/Contents/MacOS/LogCourier2";
-const char kAppInHostBundle[] = "/Contents/MacOS/LogCourier2.app";
-const char kAppBesideHostMacOS[] = "MacOS/LogCourier2.app";
-const char kAppName[] = "LogCourier2.app";
-const char kLogDirBelowLibrary[] = "/Logs/Quorvik/LogCourier2QX";
-const char kLockFileName[] = "/.LogCourierAppLock";
-const char kTarvixBelowAppSupport[] = "/Quorvik/Tarvix/TarvixQX";
-const char kTarvixPolicyName[] = "/tarvix_policy.xml";
+// Where a host application's bundle carries its own copy of the uploader.
+const char kMacOSDir[] = "MacOS/";
+const char kContentsDir[] = "/Contents/";
 
 // The full path of the LogCourier2.app a caller announced; empty until then.
 // Never destroyed, so it stays usable during static destruction.
@@ -30,12 +26,12 @@ std::string& LocationHint() {
 
 void SetUploaderLocationHint(const char* dir) {
   if (dir == nullptr) return;
-  LocationHint() = FileUtil::WithTrailingSeparator(dir) + kAppName;
+  LocationHint() = FileUtil::WithTrailingSeparator(dir) + Places::kUploaderAppName;
 }
 
 std::string FindUploaderExecutableIn(const std::string& appDir) {
   if (!FileUtil::Exists(appDir)) return std::string();
-  std::string executable = FileUtil::JoinPath(appDir, kExecutableInApp);
+  std::string executable = FileUtil::JoinPath(appDir, Places::kUploaderExecutableInApp);
   if (FileUtil::Exists(executable)) return executable;
   return std::string();
 }
@@ -47,7 +43,8 @@ std::string LocateUploaderFromHint(const std::string& hint) {
   // A hint in the host's Contents/Resources: the uploader may sit in the
   // host's Contents/MacOS instead.
   std::string contents = FileUtil::ParentDirectory(FileUtil::ParentDirectory(hint));
-  return FindUploaderExecutableIn(FileUtil::WithTrailingSeparator(contents) + kAppBesideHostMacOS);
+  return FindUploaderExecutableIn(FileUtil::WithTrailingSeparator(contents) + kMacOSDir +
+                                  Places::kUploaderAppName);
 }
 
 std::string LocateUploaderExecutable() {
@@ -56,7 +53,9 @@ std::string LocateUploaderExecutable() {
 
   std::string bundle;
   if (Platform::GetMainBundlePath(&bundle) && !bundle.empty()) {
-    executable = FileUtil::JoinPath(bundle, std::string(kAppInHostBundle) + kExecutableInApp);
+    executable = FileUtil::JoinPath(bundle, std::string(kContentsDir) + kMacOSDir +
+                                                 Places::kUploaderAppName +
+                                                 Places::kUploaderExecutableInApp);
     if (FileUtil::Exists(executable)) return executable;
   }
   return std::string();
@@ -76,7 +75,7 @@ bool LaunchUploader(const std::string& guard, const std::string& argument) {
   // The guard only has to be present; its text is deliberately unused.
   if (guard.empty()) return false;
   std::string executable = LocateUploaderExecutable();
-  Logger::Instance("LogSession")
+  Logger::Instance(Places::kSessionLoggerName)
       .Info("LogCourier2 Path: " + executable,
             FormatPosition("Utility/src/Mac/LogCourUtilsMac", 290));
   return OpenApplication(executable, argument);
@@ -119,18 +118,20 @@ bool OpenApplication(const std::string& path, const std::string& argument) {
 std::string GetUploaderLogDir() {
   std::string library;
   if (!FileUtil::GetUserLibraryDirectory(&library)) return std::string();
-  std::string dir = FileUtil::JoinPath(library, kLogDirBelowLibrary);
+  std::string dir = FileUtil::JoinPath(library, Places::kUploaderLogSubdir);
   // CreateDirectories replaces a plain file that is in the way.
   if (!FileUtil::IsDirectory(dir)) FileUtil::CreateDirectories(dir);
   return dir;
 }
 
-std::string GetUploaderLockPath() { return GetUploaderLogDir() + kLockFileName; }
+std::string GetUploaderLockPath() {
+  return GetUploaderLogDir() + "/" + Places::kUploaderLockName;
+}
 
 std::string GetTarvixPolicyPath() {
   std::string support;
   if (!FileUtil::GetApplicationSupportDirectory(&support)) return std::string();
-  std::string dir = FileUtil::JoinPath(support, kTarvixBelowAppSupport);
+  std::string dir = FileUtil::JoinPath(support, Places::kTarvixSubdir);
   FileUtil::CreateDirectories(dir);  // the outcome does not matter here
-  return dir + kTarvixPolicyName;
+  return dir + "/" + Places::kTarvixPolicyName;
 }

@@ -12,20 +12,16 @@
 #include <memory>
 #include <vector>
 
-#include "FileUtil.h"
+#include "FileIO.h"
 #include "PlatformPaths.h"
 #include "Posix/PlatformPathsInternal.h"
+#include "Posix/ScopedPlist.h"
 
 namespace Platform {
 namespace {
 
 // Info.plist files are small; anything far larger is not one.
 constexpr std::size_t kMaxPlistBytes = std::size_t{16} * 1024 * 1024;
-
-struct PlistFree {
-  void operator()(void* node) const { ::plist_free(static_cast<plist_t>(node)); }
-};
-using ScopedPlist = std::unique_ptr<void, PlistFree>;
 
 std::string& BundlePathOverride() {
   static std::string path;
@@ -81,7 +77,8 @@ std::string HostIdFromFiles(const std::vector<std::string>& files) {
   for (const std::string& file : files) {
     std::string contents;
     std::string host_id;
-    if (FileUtil::ReadSmallFile(file, 4096, &contents) && FormatMachineId(contents, &host_id)) {
+    if (FileIO::ReadFile(file, 4096, &contents) == FileIO::ReadStatus::kOk &&
+        FormatMachineId(contents, &host_id)) {
       return host_id;
     }
   }
@@ -155,14 +152,14 @@ bool GetMainBundleIdentifier(std::string* identifier) {
   std::string bundle;
   if (!GetMainBundlePath(&bundle)) return false;
   std::string contents;
-  if (!FileUtil::ReadSmallFile(WithoutTrailingSlashes(bundle) + "/Contents/Info.plist",
-                               kMaxPlistBytes, &contents) ||
+  if (FileIO::ReadFile(WithoutTrailingSlashes(bundle) + "/Contents/Info.plist", kMaxPlistBytes,
+                       &contents) != FileIO::ReadStatus::kOk ||
       contents.empty()) {
     return false;
   }
   plist_t root = nullptr;
   ::plist_from_memory(contents.data(), static_cast<uint32_t>(contents.size()), &root);
-  ScopedPlist owner(root);
+  const ScopedPlist owner = AdoptPlist(root);
   if (root == nullptr || ::plist_get_node_type(root) != PLIST_DICT) return false;
   plist_t item = ::plist_dict_get_item(root, "CFBundleIdentifier");
   if (item == nullptr || ::plist_get_node_type(item) != PLIST_STRING) return false;

@@ -3,9 +3,10 @@
 // read-modify-write under an exclusive lock shared by every writer of the
 // file, and replace the file atomically, so no writer loses another's change
 // and a writer killed at any moment leaves a valid file behind.
-// Internal to the preference layer; callers use Preferences.h.
-#ifndef LUMETRY_UTILITY_POSIX_PREFERENCESTORE_H_
-#define LUMETRY_UTILITY_POSIX_PREFERENCESTORE_H_
+// Internal to the preference layer; callers use Preferences.h. The Linux
+// binding is Posix/PreferenceStorePosix.cpp.
+#ifndef LUMETRY_UTILITY_PREFERENCESTORE_H_
+#define LUMETRY_UTILITY_PREFERENCESTORE_H_
 
 #include <functional>
 #include <string>
@@ -34,4 +35,4 @@ bool UpdateDomain(const std::string& path, const std::function<Edit(PrefValue* d
 
 }  // namespace PreferenceStore
 
-#endif  // LUMETRY_UTILITY_POSIX_PREFERENCESTORE_H_
+#endif  // LUMETRY_UTILITY_PREFERENCESTORE_H_

@@ -1,13 +1,13 @@
 // The file-system primitives that FileUtil's portable logic stands on:
 // item attributes with full timestamp resolution, raw listings, directory
-// creation with inherited permissions, link-safe removal, copying, moving and
-// extended regular expressions. One implementation per platform; the Linux
-// one is Posix/FileUtilPosix.cpp. No system headers leak from here.
-#ifndef LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
-#define LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
+// creation with inherited permissions, link-safe removal, copying and moving.
+// One implementation per platform; the Linux one is Posix/FileUtilPosix.cpp
+// with the tree walks in Posix/FileTreePosix.cpp. No system headers leak
+// from here.
+#ifndef LUMETRY_UTILITY_FILEUTILPLATFORM_H_
+#define LUMETRY_UTILITY_FILEUTILPLATFORM_H_
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -71,24 +71,7 @@ bool MoveItem(const std::string& source, const std::string& destination);
 // True when both paths exist and name the same item.
 bool IsSameItem(const std::string& a, const std::string& b);
 
-// A compiled POSIX extended regular expression, matched without sub-matches.
-class ExtendedRegex {
- public:
-  explicit ExtendedRegex(const std::string& expression);
-  ~ExtendedRegex();
-  ExtendedRegex(const ExtendedRegex&) = delete;
-  ExtendedRegex& operator=(const ExtendedRegex&) = delete;
-
-  bool IsValid() const;
-  // False for an invalid expression.
-  bool Matches(const std::string& text) const;
-
- private:
-  struct Compiled;
-  std::unique_ptr<Compiled> compiled_;
-};
-
 }  // namespace platform
 }  // namespace FileUtil
 
-#endif  // LUMETRY_UTILITY_POSIX_FILEUTILPLATFORM_H_
+#endif  // LUMETRY_UTILITY_FILEUTILPLATFORM_H_

@@ -1,0 +1,196 @@
+// Linux bindings of FileIO.h, plus the directory-stream readers of
+// ScopedDir.h: the one capped read, the one atomic replacement and the one
+// mkdir -p of the system.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "FileIO.h"
+#include "FileUtil.h"
+#include "Posix/FdWrite.h"
+#include "Posix/ScopedDir.h"
+#include "Posix/ScopedFd.h"
+
+namespace posix_io {
+
+bool ReadNames(DIR* dir, std::vector<std::string>* names) {
+  for (;;) {
+    errno = 0;
+    const struct dirent* entry = ::readdir(dir);
+    if (entry == nullptr) return errno == 0;
+    if (!IsDotOrDotDot(entry->d_name)) names->emplace_back(entry->d_name);
+  }
+}
+
+bool ReadNamesAt(int dir_fd, std::vector<std::string>* names) {
+  const int copy = ::fcntl(dir_fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return false;
+  ScopedDir dir(::fdopendir(copy));
+  if (!dir) {
+    ::close(copy);
+    return false;
+  }
+  return ReadNames(dir.get(), names);
+}
+
+int OpenDirectoryAt(int parent_fd, const std::string& name) {
+  return ::openat(parent_fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+}  // namespace posix_io
+
+namespace FileIO {
+namespace {
+
+// Characters that mkostemp puts after the temporary prefix.
+constexpr std::size_t kTempSuffixLength = 6;
+
+// Unlinks a temporary file unless it was renamed into place.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
+  ~TemporaryFile() {
+    if (!path_.empty()) ::unlink(path_.c_str());
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  void Commit() { path_.clear(); }
+
+ private:
+  std::string path_;
+};
+
+void SyncDirectory(const std::string& dir) {
+  ScopedFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // Best effort: the rename has happened; a failed directory sync only
+  // weakens durability across a power loss.
+  if (fd.is_valid()) ::fsync(fd.get());
+}
+
+// The path a write to `path` really lands on when links are followed: the
+// file a symbolic link names. A dangling link stays as it is.
+std::string ResolveLink(const std::string& path) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return path;
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+  return real ? std::string(real.get()) : path;
+}
+
+}  // namespace
+
+ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
+                    int* error_number) {
+  int ignored = 0;
+  int& error = error_number != nullptr ? *error_number : ignored;
+  error = 0;
+  if (contents == nullptr || path.empty()) {
+    error = EINVAL;
+    return ReadStatus::kError;
+  }
+  // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
+  ScopedFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  if (!fd.is_valid()) {
+    error = errno;
+    return errno == ENOENT ? ReadStatus::kMissing : ReadStatus::kError;
+  }
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) {
+    error = errno;
+    return ReadStatus::kError;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    return ReadStatus::kNotRegular;
+  }
+  if (static_cast<unsigned long long>(st.st_size) > max_bytes) return ReadStatus::kTooLarge;
+
+  std::string data;
+  char buffer[16384];
+  for (;;) {
+    const ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      error = errno;
+      return ReadStatus::kError;
+    }
+    if (got == 0) break;
+    // Files that report no size (/proc, sysfs) are capped while they are read.
+    if (data.size() + static_cast<std::size_t>(got) > max_bytes) return ReadStatus::kTooLarge;
+    data.append(buffer, static_cast<std::size_t>(got));
+  }
+  contents->swap(data);
+  return ReadStatus::kOk;
+}
+
+std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }
+
+bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
+                 const ReplaceOptions& options) {
+  if (path.empty()) return false;
+  const std::string target = options.follow_link ? ResolveLink(path) : path;
+  const std::string base = FileUtil::LastPathComponent(target);
+  if (base.empty() || target.back() == '/') return false;
+  const std::string parent = FileUtil::ParentDirectory(target);
+  const std::string dir = parent.empty() ? std::string(".") : parent;
+
+  auto mode = static_cast<mode_t>(options.mode & 07777);
+  if (options.keep_mode) {
+    struct stat st;
+    if (::stat(target.c_str(), &st) == 0) {
+      // Refuse what an open for writing would refuse.
+      if (S_ISDIR(st.st_mode) || ::access(target.c_str(), W_OK) != 0) return false;
+      mode = st.st_mode & 07777;
+    } else if (errno != ENOENT) {
+      return false;
+    }
+  }
+
+  std::string temp_path = FileUtil::JoinPath(dir, TemporaryPrefix(base));
+  temp_path.append(kTempSuffixLength, 'X');
+  ScopedFd fd(::mkostemp(temp_path.data(), O_CLOEXEC));  // fills in the X's
+  if (!fd.is_valid()) return false;
+  TemporaryFile temporary(temp_path);
+  if (!posix_io::WriteAll(fd.get(), data, size) || ::fchmod(fd.get(), mode) != 0 ||
+      ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
+    return false;
+  }
+  if (::rename(temp_path.c_str(), target.c_str()) != 0) return false;
+  temporary.Commit();
+  SyncDirectory(dir);
+  return true;
+}
+
+void RemoveStaleTemporaries(const std::string& path) {
+  const std::string dir = FileUtil::ParentDirectory(path);
+  ScopedDir listing(::opendir(dir.empty() ? "." : dir.c_str()));
+  if (!listing) return;
+  std::vector<std::string> names;
+  posix_io::ReadNames(listing.get(), &names);
+  const std::string prefix = TemporaryPrefix(FileUtil::LastPathComponent(path));
+  for (const std::string& name : names) {
+    if (name.size() == prefix.size() + kTempSuffixLength &&
+        name.compare(0, prefix.size(), prefix) == 0) {
+      ::unlink(FileUtil::JoinPath(dir, name).c_str());
+    }
+  }
+}
+
+bool MakeDirectoryPath(const std::string& path, unsigned mode) {
+  if (path.empty()) return false;
+  if (FileUtil::IsDirectory(path)) return true;
+  std::string::size_type pos = 0;
+  while (pos != std::string::npos) {
+    pos = path.find('/', pos + 1);
+    const std::string prefix = path.substr(0, pos);
+    if (prefix.empty() || prefix == "/") continue;
+    if (::mkdir(prefix.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) return false;
+  }
+  return FileUtil::IsDirectory(path);
+}
+
+}  // namespace FileIO
