@@ -28,11 +28,7 @@ bool WaitForFile(const std::string& path, std::string* contents) {
 class LauncherTest : public ::testing::Test {
  protected:
   // No hint and a bundle without an uploader, unless a test sets them.
-  void SetUp() override {
-    Platform::SetMainBundlePathForTesting(tree_.Sub("Plain"));
-    SetUploaderLocationHint(tree_.Sub("NoHint").c_str());
-  }
-  void TearDown() override { Platform::SetMainBundlePathForTesting(""); }
+  void SetUp() override { SetUploaderLocationHint(tree_.Sub("NoHint").c_str()); }
 
   // An application directory whose executable is the shell script `body`.
   std::string MakeApp(const std::string& appDir, const std::string& body = "exit 0\n") {
@@ -43,6 +39,7 @@ class LauncherTest : public ::testing::Test {
 
   ScopedHome home_;
   ScopedTempDir tree_;
+  const ScopedOverride bundle_{&Platform::SetMainBundlePathForTesting, tree_.Sub("Plain")};
 };
 
 TEST_F(LauncherTest, LocatesTheUploader) {
@@ -61,7 +58,7 @@ TEST_F(LauncherTest, LocatesTheUploader) {
   for (const Case& c : cases) {
     SetUploaderLocationHint(tree_.Sub(c.hintDir).c_str());
     SetUploaderLocationHint(nullptr);  // changes nothing
-    Platform::SetMainBundlePathForTesting(tree_.Sub(c.bundle));
+    bundle_.Set(tree_.Sub(c.bundle));
     std::string app = *c.app ? tree_.Sub(c.app) : "";
     EXPECT_EQ(LocateUploaderExecutable(), *c.app ? app + "/Contents/MacOS/LogCourier2" : "")
         << c.hintDir << " " << c.bundle;

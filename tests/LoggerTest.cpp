@@ -36,7 +36,7 @@ struct Sandbox {
     child = ::fork();
     if (child == 0) {
       ::setenv("HOME", home.c_str(), 1);
-      Platform::SetMainBundlePathForTesting(bundle);
+      const ScopedOverride bundle_override(&Platform::SetMainBundlePathForTesting, bundle);
       const int code = body();
       (void)std::fflush(nullptr);
       ::_exit(code);

@@ -86,7 +86,8 @@ TEST(MiniSession, SecondSessionWritesOverTheFileFromItsStart) {
 // of this test binary whose HOME and main bundle point into a sandbox.
 TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
   if (const char* root = std::getenv("MINISESSION_ROOT")) {
-    Platform::SetMainBundlePathForTesting(std::string(root) + "/bundle");
+    const ScopedOverride bundle(&Platform::SetMainBundlePathForTesting,
+                                std::string(root) + "/bundle");
     for (const char* dir : {"/absent", "/locked", "/link", "/logs"})  // only the last opens
       MakeSession(root + std::string(dir), true).CreateCrashFile("M", "F", "P");
     return;

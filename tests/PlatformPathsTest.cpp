@@ -82,15 +82,15 @@ TEST(PlatformPaths, IdentifierFromXmlInfoPlistOnly) {
   WriteInfoPlist(tmp.Sub("Xml.app"), "com.example.xml", false);
   ASSERT_TRUE(WriteFile(tmp.Sub("Broken.app/Contents/Info.plist"), "<plist><dict><key>"));
   std::string id = "kept";
+  const ScopedOverride main_bundle(&Platform::SetMainBundlePathForTesting, "");
   for (const char* bundle : {"Broken.app", "Bare"}) {
-    Platform::SetMainBundlePathForTesting(tmp.Sub(bundle));
+    main_bundle.Set(tmp.Sub(bundle));
     EXPECT_FALSE(Platform::GetMainBundleIdentifier(&id)) << bundle;
   }
   EXPECT_EQ("kept", id);
-  Platform::SetMainBundlePathForTesting(tmp.Sub("Xml.app"));
+  main_bundle.Set(tmp.Sub("Xml.app"));
   EXPECT_TRUE(Platform::GetMainBundleIdentifier(&id));
   EXPECT_EQ("com.example.xml", id);
-  Platform::SetMainBundlePathForTesting("");
 }
 
 // Started as the probe copy of the next test (LUMETRY_BUNDLE_PROBE set), the

@@ -25,9 +25,6 @@ const std::string kDomain = "com.example.preftest";
 
 class PreferencesTest : public ::testing::Test {
  protected:
-  PreferencesTest() { SetSystemPreferencesDirForTesting(system_.path()); }
-  ~PreferencesTest() override { SetSystemPreferencesDirForTesting(""); }
-
   // The stored string / number, or a sentinel when the read fails.
   static std::string Str(const std::string& key, const std::string& domain = kDomain,
                          PrefUser user = kMe, PrefHost host = kAny) {
@@ -44,6 +41,8 @@ class PreferencesTest : public ::testing::Test {
 
   testing_support::ScopedHome home_;
   testing_support::ScopedTempDir system_;
+  const testing_support::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting,
+                                                    system_.path()};
   const std::string file_ = PreferenceFilePath(kDomain, kMe, kAny);
 };
 

@@ -20,11 +20,10 @@ constexpr PrefHost kHere = PrefHost::kCurrentHost;
 
 class PrivacyPrefsTest : public ::testing::Test {
  protected:
-  PrivacyPrefsTest() { SetSystemPreferencesDirForTesting(system_.path()); }
-  ~PrivacyPrefsTest() override { SetSystemPreferencesDirForTesting(""); }
-
   testing_support::ScopedHome home_;
   testing_support::ScopedTempDir system_;
+  const testing_support::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting,
+                                                    system_.path()};
 };
 
 TEST_F(PrivacyPrefsTest, MachineIdIsMadeOnceAndKeptAsStored) {

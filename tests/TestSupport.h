@@ -38,6 +38,22 @@ class ScopedEnv {
   bool had_old_;
 };
 
+// A process-wide test override of the product (the main bundle path, the
+// any-user preference directory) for the scope: `set(value)` now and on Set,
+// `set("")`, which restores the real look-up, when the scope ends.
+class ScopedOverride {
+ public:
+  using Setter = void (*)(const std::string&);
+  ScopedOverride(Setter set, const std::string& value) : set_(set) { set_(value); }
+  ~ScopedOverride() { set_(""); }
+  ScopedOverride(const ScopedOverride&) = delete;
+  ScopedOverride& operator=(const ScopedOverride&) = delete;
+  void Set(const std::string& value) const { set_(value); }
+
+ private:
+  Setter set_;
+};
+
 // A temporary HOME: HOME points at a fresh directory for the scope.
 class ScopedHome {
  public:

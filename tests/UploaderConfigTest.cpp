@@ -55,11 +55,6 @@ TEST(UploaderConfigTest, ServerAddresses) {
   EXPECT_EQ(s.GetValue("settings", "url"), Uploader::kDefaultServerUrl);
 }
 
-struct ScopedBundle {
-  explicit ScopedBundle(const std::string& path) { Platform::SetMainBundlePathForTesting(path); }
-  ~ScopedBundle() { Platform::SetMainBundlePathForTesting(""); }
-};
-
 TEST(UploaderConfigTest, ConfigPlaces) {
   const char kShipped[] = "[settings]\nmaxretries=4\n[ulog]\nstatus=Kill\nwakeupdate=2999-1-1\n";
   const char kUser[] = "[settings]\nmaxretries=2\n[ulog]\nstatus=Hibernate\nwakeupdate=2999-1-1\n";
@@ -73,7 +68,7 @@ TEST(UploaderConfigTest, ConfigPlaces) {
       {kShipped, kUser, -86400, kUser},
       {nullptr, kUser, 86400, kUser}};
   ts::ScopedHome home;
-  ScopedBundle host(home.path() + "/Host.app");
+  const ts::ScopedOverride host(&Platform::SetMainBundlePathForTesting, home.path() + "/Host.app");
   const std::string shipped =
       home.path() + "/Host.app/Contents/MacOS/LogCourier2.app/Contents/Resources/LogCourier2.cfg";
   const std::string user =
