@@ -44,8 +44,7 @@ bool DecodeFile(const std::string& path, std::string* text, std::string* error) 
 }
 
 int ToolMain(int argc, char* argv[]) {
-  static const option kOptions[] = {{"help", no_argument, nullptr, 'h'},
-                                    {nullptr, 0, nullptr, 0}};
+  static const option kOptions[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
   int opt;
   while ((opt = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1) {
     if (opt == 'h') {

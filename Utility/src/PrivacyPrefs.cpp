@@ -72,8 +72,8 @@ std::int32_t GetOptIn() {
 
 std::string GetUserType() {
   std::string type;
-  GetPreferenceString(Places::kUserTypeKey, Places::kTelemetryDomain, &type,
-                      PrefUser::kCurrentUser, PrefHost::kCurrentHost);
+  GetPreferenceString(Places::kUserTypeKey, Places::kTelemetryDomain, &type, PrefUser::kCurrentUser,
+                      PrefHost::kCurrentHost);
   return type;
 }
 

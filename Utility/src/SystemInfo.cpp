@@ -136,8 +136,9 @@ std::string CPUSpeedMHzFrom(const std::string& maxFreqPath, const std::string& c
 }
 
 bool FindLaunchServicesBrowser(std::string* handler) {
-  PrefValue list = CopyPreferenceValue(Places::kLaunchServicesHandlersKey, Places::kLaunchServicesDomain,
-                                       PrefUser::kCurrentUser, PrefHost::kAnyHost);
+  PrefValue list =
+      CopyPreferenceValue(Places::kLaunchServicesHandlersKey, Places::kLaunchServicesDomain,
+                          PrefUser::kCurrentUser, PrefHost::kAnyHost);
   if (list.Kind() != kPrefArray) return false;
   for (std::size_t i = 0; i < list.Count(); ++i) {
     // Entries that are not dictionaries, or lack either key, have no string

@@ -45,38 +45,38 @@ std::string SessionElement(const char* open, const std::string& id, const std::s
 
 std::string EscapeAttributeValue(const std::string& value) {
   // The value is taken as a C string; bytes that are not UTF-8 count as
-    // nothing at all.
-    const std::string text = value.substr(0, value.find('\0'));
-    std::string escaped;
-    if (StringUtil::IsValidUTF8(text)) {
-      escaped.reserve(text.size());
-      // One pass gives the same result as replacing "&" first and then each
-      // other character, since no reference is ever escaped twice.
-      for (const char c : text) {
-        switch (c) {
-          case '&':
-            escaped += "&#38;";
-            break;
-          case '<':
-            escaped += "&#60;";
-            break;
-          case '>':
-            escaped += "&#62;";
-            break;
-          case '"':
-            escaped += "&#34;";
-            break;
-          case '\'':
-            escaped += "&#39;";
-            break;
-          case '\\':
-            escaped += "&#92;";
-            break;
-          default:
-            escaped += c;
-        }
+  // nothing at all.
+  const std::string text = value.substr(0, value.find('\0'));
+  std::string escaped;
+  if (StringUtil::IsValidUTF8(text)) {
+    escaped.reserve(text.size());
+    // One pass gives the same result as replacing "&" first and then each
+    // other character, since no reference is ever escaped twice.
+    for (const char c : text) {
+      switch (c) {
+        case '&':
+          escaped += "&#38;";
+          break;
+        case '<':
+          escaped += "&#60;";
+          break;
+        case '>':
+          escaped += "&#62;";
+          break;
+        case '"':
+          escaped += "&#34;";
+          break;
+        case '\'':
+          escaped += "&#39;";
+          break;
+        case '\\':
+          escaped += "&#92;";
+          break;
+        default:
+          escaped += c;
       }
     }
+  }
   return escaped.empty() ? std::string(kNoValue) : escaped;
 }
 

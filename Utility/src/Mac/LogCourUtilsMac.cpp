@@ -53,9 +53,9 @@ std::string LocateUploaderExecutable() {
 
   std::string bundle;
   if (Platform::GetMainBundlePath(&bundle) && !bundle.empty()) {
-    executable = FileUtil::JoinPath(bundle, std::string(kContentsDir) + kMacOSDir +
-                                                 Places::kUploaderAppName +
-                                                 Places::kUploaderExecutableInApp);
+    executable =
+        FileUtil::JoinPath(bundle, std::string(kContentsDir) + kMacOSDir +
+                                       Places::kUploaderAppName + Places::kUploaderExecutableInApp);
     if (FileUtil::Exists(executable)) return executable;
   }
   return std::string();
@@ -124,9 +124,7 @@ std::string GetUploaderLogDir() {
   return dir;
 }
 
-std::string GetUploaderLockPath() {
-  return GetUploaderLogDir() + "/" + Places::kUploaderLockName;
-}
+std::string GetUploaderLockPath() { return GetUploaderLogDir() + "/" + Places::kUploaderLockName; }
 
 std::string GetTarvixPolicyPath() {
   std::string support;

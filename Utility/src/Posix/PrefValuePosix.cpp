@@ -91,7 +91,8 @@ PrefValue PrefValue::ArrayItem(std::size_t index) const {
 }
 
 bool PrefValue::HasKey(const std::string& key) const {
-  return Kind() == kPrefDictionary && plist_dict_get_item(AsNode(node_.get()), key.c_str()) != nullptr;
+  return Kind() == kPrefDictionary &&
+         plist_dict_get_item(AsNode(node_.get()), key.c_str()) != nullptr;
 }
 
 PrefValue PrefValue::Item(const std::string& key) const {
