@@ -24,6 +24,7 @@ function(lumetry_test name)
                         GTest::gtest GTest::gmock GTest::gtest_main lumetry_warnings)
   target_compile_definitions(${name} PRIVATE
     CRASH_PROCESSOR_PATH="$<TARGET_FILE:crash-processor>"
+    LUMETRY_TRACE=$<BOOL:${LUMETRY_TRACE}>
     TOOLS_DIR="${CMAKE_BINARY_DIR}/tools")
   if(ARG_PROGRAMS)
     get_property(tools GLOBAL PROPERTY LUMETRY_TOOL_TARGETS)

@@ -46,7 +46,9 @@ TEST(MiniSession, WritesTheCrashDocumentPlainOrScrambled) {
   }
 }
 
-TEST(MiniSession, ScramblesEveryByteAndWritesBytesAsTheyAre) {
+// A stray byte is written as the Latin-1 character of its value (0xFF is
+// U+00FF, C3 BF), so the document stays valid UTF-8.
+TEST(MiniSession, ScramblesEveryByteAndRepairsBytesThatAreNotUtf8) {
   std::string all(1, '\0');
   for (int b = 1; b < 256; ++b) all += static_cast<char>(b);
   EXPECT_EQ(Rot47(all), MiniSession::UnscrambleText(all));
@@ -62,7 +64,7 @@ TEST(MiniSession, ScramblesEveryByteAndWritesBytesAsTheyAre) {
   EXPECT_EQ(0, session.Write("c"));
   std::string contents;
   ASSERT_TRUE(ReadFile(dir.Sub(kName + ".rdy"), &contents));
-  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xff" + "4", contents);
+  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xc3\xbf" + "4", contents);
 }
 
 // The second session over a longer first one (closed, so unlocked) writes

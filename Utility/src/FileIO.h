@@ -7,6 +7,9 @@
 #define LUMETRY_UTILITY_FILEIO_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <ostream>
 #include <string>
 
 namespace FileIO {
@@ -28,6 +31,23 @@ enum class ReadStatus {
 ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
                     int* error_number = nullptr);
 
+// As ReadFile, but the file is opened for reading and writing (never created
+// or truncated), for readers whose rules give no settings to a file this
+// process may not write: such a file reads as kError.
+ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes,
+                            std::string* contents);
+
+// The size of the regular file at `path`, looked at without blocking (a FIFO
+// or a device is not a regular file). False, `size` untouched, otherwise.
+bool GetRegularFileSize(const std::string& path, std::uint64_t* size);
+
+// An output stream on the regular file at `path`, created with mode 0644
+// (less the umask) when missing, appended to or truncated when it opens. A
+// symbolic link at `path` is refused rather than followed, so a planted link
+// cannot make the writer overwrite another file; a FIFO, device or directory
+// is refused without blocking. Null when the file cannot be opened.
+std::unique_ptr<std::ostream> OpenOutputStream(const std::string& path, bool append);
+
 // How ReplaceFile treats the file it replaces.
 struct ReplaceOptions {
   // Permission bits of a new file, and of every file unless `keep_mode`.
@@ -38,13 +58,23 @@ struct ReplaceOptions {
   // A symbolic link at `path` is followed, so the file it names is replaced
   // and the link stays; otherwise the link itself is replaced.
   bool follow_link = true;
+  // When no temporary file can be made beside the target (a directory that
+  // refuses new files: read-only, immutable) but the target is a regular
+  // file this process may write, the bytes are written over it in place.
+  // Not atomic, but the new contents are not lost to a directory's rules.
+  bool in_place_fallback = false;
 };
+
+// Temporary files of a target older than this are left-overs of a killed
+// writer: no live writer takes that long to write a small file.
+constexpr std::int64_t kStaleTemporarySeconds = 60;
 
 // Replaces the file at `path` with `size` bytes of `data`: a temporary file
 // beside the target (named TemporaryPrefix + six characters), written whole,
 // given its mode, flushed to disk, renamed over the target, and the directory
 // flushed. False, with the old file intact and the temporary file removed,
-// when any step fails.
+// when any step fails. After a successful replacement, temporary files of
+// the same target older than kStaleTemporarySeconds are removed.
 bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
                  const ReplaceOptions& options = ReplaceOptions());
 

@@ -4,11 +4,12 @@
 // UTF-8 pass through untouched.
 #include "FileUtil.h"
 
-#include <fstream>
 #include <memory>
 
 #include "ExtendedRegex.h"
+#include "FileIO.h"
 #include "FileUtilPlatform.h"
+#include "StringUtil.h"
 
 namespace FileUtil {
 namespace {
@@ -173,13 +174,10 @@ bool IsNewer(const std::string& source, const std::string& destination) {
 }
 
 bool IsFileSizeAtMost(const std::string& path, std::int32_t limit) {
-  std::int64_t size = 0;
-  std::ifstream in(path, std::ios::binary);
-  if (in) {
-    in.seekg(0, std::ios::end);
-    std::streamoff position = in.tellg();
-    if (position > 0) size = position;
-  }
+  // Looked at without blocking; a FIFO or device counts as a file that
+  // cannot be opened, so as size 0.
+  std::uint64_t size = 0;
+  if (!FileIO::GetRegularFileSize(path, &size)) size = 0;
   // The position is compared as a signed 32-bit value.
   auto size32 = static_cast<std::int32_t>(static_cast<std::uint32_t>(size));
   return size32 <= limit;
@@ -189,7 +187,8 @@ bool IsFileSizeAtMost(const std::string& path, std::int32_t limit) {
 
 bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
                            std::vector<std::string>* names) {
-  if (names == nullptr) return false;
+  // A path that is not UTF-8 is not a path of this system (no platform string).
+  if (names == nullptr || !StringUtil::IsValidUTF8(dir)) return false;
   std::vector<std::string> entries;
   if (platform::ListNames(dir, &entries)) {
     for (const std::string& name : entries) {
@@ -220,7 +219,8 @@ bool IsSkippedEntry(const std::string& path) {
 // ---- Creation, removal, copying ----
 
 bool CreateDirectories(const std::string& path) {
-  if (path.empty()) return false;
+  // A name that is not UTF-8 cannot be converted for the platform: refused.
+  if (path.empty() || !StringUtil::IsValidUTF8(path)) return false;
   std::string parent = ParentDirectory(path);
   if (parent == path) return true;
 
@@ -239,15 +239,15 @@ bool CreateDirectories(const std::string& path) {
          platform::MakeDirectoryResult::kFailed;
 }
 
-// "Missing" means nothing at all is at the path: a dangling symbolic link is
-// an item of its own and is removed like a file.
+// "Missing" is decided as Exists decides it, through a symbolic link: a
+// dangling link counts as nothing there and is left in place.
 bool RemoveFile(const std::string& path) {
-  if (!platform::ItemExists(path)) return true;
+  if (!Exists(path)) return true;
   return platform::RemoveItem(path);
 }
 
 bool Remove(const std::string& path) {
-  if (!platform::ItemExists(path)) return true;
+  if (!Exists(path)) return true;
   if (IsDirectory(path)) return RemoveDirectory(path, true);
   return RemoveFile(path);
 }
@@ -303,11 +303,12 @@ bool Move(const std::string& source, const std::string& destination) {
 }
 
 int WriteStringToFile(const std::string& text, const std::string& path) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  // A planted link, a FIFO or a device is refused rather than written to.
+  const std::unique_ptr<std::ostream> out = FileIO::OpenOutputStream(path, false);
   if (!out) return -1;
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.close();
-  return out ? 0 : -1;  // a failed write is not reported as written
+  out->write(text.data(), static_cast<std::streamsize>(text.size()));
+  out->flush();
+  return out->good() ? 0 : -1;  // a failed write is not reported as written
 }
 
 }  // namespace FileUtil

@@ -53,12 +53,14 @@ bool GetFreeSpace(const std::string& path, std::uint64_t* bytes);
 bool GetModificationTime(const std::string& path, std::uint64_t* seconds);
 bool IsNewer(const std::string& source, const std::string& destination);
 bool GetDirectorySize(const std::string& path, std::uint64_t* logical, std::uint64_t* physical);
+// A FIFO, device or directory counts as a file that cannot be opened (size 0).
 bool IsFileSizeAtMost(const std::string& path, std::int32_t limit);
 bool IsFileLocked(const std::string& path);
 
 // ---- Listings ----
 // Appends (never clears) the names of `dir` that contain every substring;
-// true when `names` is non-empty afterwards.
+// true when `names` is non-empty afterwards. False, nothing appended, for a
+// `dir` that is not valid UTF-8.
 bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
                            std::vector<std::string>* names);
 bool ListFiles(const std::string& dir, std::vector<std::string>* paths, bool recursive);
@@ -67,7 +69,10 @@ bool ListFiles(const std::string& dir, std::vector<std::string>* paths, bool rec
 bool IsSkippedEntry(const std::string& path);
 
 // ---- Creation, removal, copying ----
+// False for a path that is not valid UTF-8 (nothing is created).
 bool CreateDirectories(const std::string& path);
+// RemoveFile and Remove: true, nothing removed, when Exists says the path is
+// absent, which includes a dangling symbolic link.
 bool RemoveFile(const std::string& path);
 bool RemoveDirectory(const std::string& path, bool recursive);
 bool Remove(const std::string& path);
@@ -77,6 +82,7 @@ void DeleteMatching(const std::string& dir, const std::string& pattern, bool rec
 void DeleteContaining(const std::string& dir, const std::string& substring);
 bool Copy(const std::string& source, const std::string& destination);
 bool Move(const std::string& source, const std::string& destination);
+// -1 also for a symbolic link, FIFO or device at `path` (never written through).
 int WriteStringToFile(const std::string& text, const std::string& path);
 bool MakeFSRef(const std::string& path, FSRef* ref);
 

@@ -4,12 +4,12 @@
 // stay usable until the very end of the process, static destructors included.
 #include "Logger.h"
 
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <new>
 
+#include "FileIO.h"
 #include "FileUtil.h"
 #include "Guarded.h"
 #include "PlatformPaths.h"
@@ -22,11 +22,8 @@ namespace {
 
 constexpr const char* kConfigSeparators = " =;,";
 constexpr std::size_t kConfigLineBuffer = 512;
-
-struct FileCloser {
-  // Nothing is ever written through it, so a failing close loses nothing.
-  void operator()(std::FILE* file) const { (void)std::fclose(file); }
-};
+// The configuration holds a line or two; a larger file is not read at all.
+constexpr std::size_t kMaxConfigBytes = 64 * 1024;
 
 // Handed out only when building the real logger failed (out of memory).
 // Placement-constructed so that it is never destroyed either.
@@ -56,12 +53,10 @@ void GlobalItemRegistry::AddConfigPath(const std::string& path) {
   GuardedRun([&] { configPaths_.push_back(path); });
 }
 
-Logger::LoggerFile::LoggerFile(const std::string& path, bool append) {
-  if (path.empty()) return;
-  stream_.open(path, append ? std::ios::out | std::ios::app : std::ios::out);
-  // A stream that could not be opened stays failed, so every line is dropped.
-  if (stream_.fail()) stream_.close();
-}
+// A symbolic link, FIFO or device planted at the log's name is refused: the
+// log must never truncate or overwrite another file.
+Logger::LoggerFile::LoggerFile(const std::string& path, bool append)
+    : stream_(FileIO::OpenOutputStream(path, append)) {}
 
 Logger::Logger(std::ostream* stream) : stream_(stream) {}
 
@@ -175,27 +170,27 @@ std::string FormatPosition(const std::string& file, std::int32_t line) {
 
 std::string ReadConfigValue(const std::string& configPath, const std::string& key) {
   return Guarded(std::string(), [&] {
-    // Read-write without creating or truncating: a file that may not be
-    // written to is deliberately treated as having no settings.
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(configPath.c_str(), "r+"));
-    if (!file) return std::string();
-
-    // A later line with the key overrides an earlier one.
+    // Opened for reading and writing without creating or truncating: a file
+    // that may not be written to is deliberately treated as having no
+    // settings. Never blocks: a FIFO reads as a file that cannot be opened.
+    std::string text;
+    if (FileIO::ReadWritableFile(configPath, kMaxConfigBytes, &text) != FileIO::ReadStatus::kOk) {
+      return std::string();
+    }
+    // A later line with the key overrides an earlier one. A line holds at
+    // most kConfigLineBuffer - 1 characters; a longer one ends the reading.
     std::string value;
-    char buffer[kConfigLineBuffer];
-    while (std::fgets(buffer, sizeof buffer, file.get()) != nullptr) {
-      std::size_t length = std::strlen(buffer);
-      if (length > 0 && buffer[length - 1] == '\n') {
-        --length;
-      } else if (length == kConfigLineBuffer - 1) {
-        // The buffer filled before a line end: the line fits only if it ends
-        // right here; a longer line ends the reading and is not used.
-        int next = std::fgetc(file.get());
-        if (next != EOF && next != '\n') break;
-      }
+    std::string::size_type start = 0;
+    while (start < text.size()) {
+      std::string::size_type end = text.find('\n', start);
+      if (end == std::string::npos) end = text.size();
+      if (end - start > kConfigLineBuffer - 1) break;
+      std::string line = text.substr(start, end - start);
+      line.resize(std::strlen(line.c_str()));  // a NUL byte ends the line's text
       std::vector<std::string> tokens;
-      StringUtil::Split(std::string(buffer, length), &tokens, kConfigSeparators);
+      StringUtil::Split(line, &tokens, kConfigSeparators);
       if (tokens.size() >= 2 && tokens[0] == key) value = tokens[1];
+      start = end + 1;
     }
     return value;
   });

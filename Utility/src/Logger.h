@@ -7,7 +7,8 @@
 #define LUMETRY_UTILITY_LOGGER_H_
 
 #include <cstdint>
-#include <fstream>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -42,10 +43,11 @@ class Logger : public GlobalItem {
   class LoggerFile : public GlobalItem {
    public:
     LoggerFile(const std::string& path, bool append);
-    std::ostream* Stream() { return &stream_; }
+    // Null when the file could not be opened: every line is then dropped.
+    std::ostream* Stream() { return stream_.get(); }
 
    private:
-    std::ofstream stream_;
+    std::unique_ptr<std::ostream> stream_;
   };
 
   // `stream` is not owned.

@@ -12,6 +12,7 @@
 #include "Logger.h"
 #include "RuntimePlaces.h"
 #include "SafeStr.h"
+#include "StringUtil.h"
 
 namespace {
 
@@ -118,15 +119,16 @@ std::int32_t MiniSession::Write(const char* text) {
       return -3;
     }
     // Bytes that are not valid UTF-8 (only a session id or machine identity
-    // can carry them) are written as they stand: dropping the fragment would
-    // lose the whole record, and the uploader copes with odd bytes.
-    const std::size_t length = SafeStr::StrNLen(text, kMaxTextLength);
+    // can carry them) are taken as Latin-1 characters, so every document is
+    // well-formed UTF-8 and nothing of the record is dropped.
+    std::string bytes(text, SafeStr::StrNLen(text, kMaxTextLength));
+    if (!StringUtil::IsValidUTF8(bytes)) bytes = StringUtil::RepairUTF8(bytes);
     if (scramble_) {
-      const std::string scrambled = Rot47(std::string(text, length));
+      const std::string scrambled = Rot47(bytes);
       file_.Write(scrambled.data(), scrambled.size());
       Trace("MiniSession::Write", 201);
     } else {
-      file_.Write(text, length);
+      file_.Write(bytes.data(), bytes.size());
     }
     return 0;
   });

@@ -48,8 +48,10 @@ class MiniSession {
   std::int32_t EndSession();
 
   // Appends the C string `text`, opening the file first when it is not open.
-  //   0  written (the bytes are written as they are, also when they are not
-  //      valid UTF-8; a failing write on an open file is not reported)
+  //   0  written (a failing write on an open file is not reported). Text
+  //      that is not valid UTF-8 is written as StringUtil::RepairUTF8 makes
+  //      it: each stray byte becomes the Latin-1 character of its value, so
+  //      every document is valid UTF-8 and no record is dropped.
   //  -1  `text` is null
   //  -2  the file could not be opened (missing directory, no permission, a
   //      symbolic link in its place, or its lock held elsewhere)

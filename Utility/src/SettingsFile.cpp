@@ -19,6 +19,26 @@ std::string TrimmedLower(const std::string& text) {
   return result;
 }
 
+// Where to cut `path` into a "[section]" header and a "key=value" line so
+// that the two read back as the same path, or npos when no cut does. The
+// first "/" is the usual cut; a header that held "/" itself ("[a/b=c]",
+// "[settings/#x]") needs a later one, since its key part would otherwise
+// hold a "=" or begin like a comment.
+std::string::size_type WritableSplit(const std::string& path) {
+  for (std::string::size_type slash = path.find('/'); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string section = path.substr(0, slash);
+    const std::string key = path.substr(slash + 1);
+    const bool section_ok = section.find_first_of("]\n") == std::string::npos &&
+                            Trimmed(section) == section;
+    const bool key_ok = key.find_first_of("=\n") == std::string::npos &&
+                        Trimmed(key) == key &&
+                        (key.empty() || (key[0] != '#' && key[0] != ';' && key[0] != '['));
+    if (section_ok && key_ok) return slash;
+  }
+  return std::string::npos;
+}
+
 // The section part of a stored path: the text before its first "/".
 std::string SectionOf(const std::string& path) { return path.substr(0, path.find('/')); }
 
@@ -68,21 +88,26 @@ void SettingsFile::ParseLine(const std::string& raw_line, std::string* section) 
 }
 
 int SettingsFile::Save(const std::string& path) const {
-  // Every stored path holds a "/", and the sections are contiguous in the
-  // sorted dictionary (every path of section "s" starts with "s/"), so one
-  // pass emits each header once.
   std::string text;
   std::string current;
+  bool first = true;
   for (const auto& entry : entries_) {
-    const std::string::size_type slash = entry.first.find('/');
+    const std::string::size_type slash = WritableSplit(entry.first);
+    if (slash == std::string::npos) continue;  // no line reads back as this path
     const std::string section = entry.first.substr(0, slash);
-    if (text.empty() || section != current) {
+    if (first || section != current) {
       text += "[" + section + "]\n";
       current = section;
+      first = false;
     }
     text += entry.first.substr(slash + 1) + "=" + entry.second + "\n";
   }
-  return FileIO::ReplaceFile(path, text.data(), text.size()) ? 0 : -1;
+  // A planted link is replaced, never written through; a directory that
+  // refuses the temporary file still lets the file itself be rewritten.
+  FileIO::ReplaceOptions options;
+  options.follow_link = false;
+  options.in_place_fallback = true;
+  return FileIO::ReplaceFile(path, text.data(), text.size(), options) ? 0 : -1;
 }
 
 std::string SettingsFile::GetValue(const std::string& section, const std::string& key) const {

@@ -33,6 +33,13 @@ void Split(const std::string& text, std::vector<std::string>* tokens,
 bool IsValidUTF8(const char* data, std::size_t length);
 bool IsValidUTF8(const std::string& text);
 
+// `text` made valid UTF-8: every valid sequence is kept as it is, and every
+// other byte is taken as the Latin-1 character of the same value (so the
+// Latin-1 bytes "\xE9t\xE9" become "été"). Nothing is lost and valid text is
+// unchanged; this is how the system repairs text that other programs wrote.
+// "" only when memory runs out.
+std::string RepairUTF8(const std::string& text);
+
 // The platform-string boundary. On this platform a "platform string" is a byte
 // string that claims to be UTF-8: a null value or bytes that are not valid
 // UTF-8 answer false and leave `out` untouched; otherwise `out` receives the

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "ExtendedRegex.h"
+#include "PatternBounds.h"
 #include "FileUtil.h"
 #include "PlatformPaths.h"
 #include "RuntimePlaces.h"
@@ -146,7 +147,9 @@ bool IsAllowedServerUrl(const std::string& url) {
 }
 
 bool MatchesPattern(const std::string& text, const std::string& pattern) {
-  return ExtendedRegex(pattern).Matches(text);
+  // Only bounded patterns are compiled: the compiler's memory grows with the
+  // repetitions of a pattern, and foreign patterns reach this call.
+  return PatternBounds::IsAcceptable(pattern) && ExtendedRegex(pattern).Matches(text);
 }
 
 void ReadUploaderConfig(SettingsFile& settings, UploaderConfig* config) {

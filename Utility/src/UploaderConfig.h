@@ -83,7 +83,9 @@ std::string GetServerUrl(SettingsFile& settings);
 bool IsAllowedServerUrl(const std::string& url);
 
 // True when the POSIX extended regular expression `pattern` matches anywhere
-// in `text` (case-sensitive). A pattern that does not compile never matches.
+// in `text` (case-sensitive). A pattern that does not compile, or that
+// PatternBounds::IsAcceptable refuses (too long, too deeply repeated), never
+// matches.
 bool MatchesPattern(const std::string& text, const std::string& pattern);
 
 // Fills `config` from `settings` (defaults applied and the "ulog" status

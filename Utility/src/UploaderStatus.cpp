@@ -14,6 +14,32 @@ const char kWakeDateKey[] = "wakeupdate";
 const char kOperationKey[] = "operation";
 const char kMergeOperation[] = "Merge";
 
+// The characters that cut a date into its year, month and day tokens.
+const char kDateSeparators[] = ",-. /";
+// Year and day fit an unsigned 16-bit number: five characters at most. A
+// longer token drives the library's number conversion into signed overflow,
+// so it is refused before the library sees it. A month name is at most
+// nine letters ("September").
+constexpr std::size_t kMaxNumberToken = 5;
+constexpr std::size_t kMaxMonthNameToken = 9;
+
+// True when the first three tokens of `text` are short enough for the date
+// library. Later tokens are ignored by the date rules and are not looked at.
+bool DateTokensBounded(const std::string& text) {
+  std::string::size_type pos = 0;
+  for (int index = 0; index < 3; ++index) {
+    pos = text.find_first_not_of(kDateSeparators, pos);
+    if (pos == std::string::npos) return true;
+    const std::string::size_type end = text.find_first_of(kDateSeparators, pos);
+    const std::size_t length = (end == std::string::npos ? text.size() : end) - pos;
+    const bool month_name = index == 1 && (text[pos] < '0' || text[pos] > '9');
+    if (length > (month_name ? kMaxMonthNameToken : kMaxNumberToken)) return false;
+    if (end == std::string::npos) return true;
+    pos = end;
+  }
+  return true;
+}
+
 }  // namespace
 
 UploaderStatus StatusFromString(const std::string& text) {
@@ -34,7 +60,7 @@ std::string StatusToString(UploaderStatus status) {
 }
 
 int WakeDateState(const std::string& date_text, const boost::gregorian::date& today) {
-  if (date_text.empty() || today.is_special()) return kNotPaused;
+  if (date_text.empty() || today.is_special() || !DateTokensBounded(date_text)) return kNotPaused;
   // Year and month ranges, impossible days and non-numeric tokens all throw
   // (out_of_range, bad_lexical_cast, ...): every one means "no date".
   return Guarded(kNotPaused, [&] {

@@ -46,7 +46,9 @@ UploaderStatus StatusFromString(const std::string& text);
 std::string StatusToString(UploaderStatus status);
 
 // kPaused when `date_text` is a valid year-month-day date after today's local
-// date, else kNotPaused (also when today's local date cannot be had).
+// date, else kNotPaused (also when today's local date cannot be had). A year,
+// day or numeric month token of more than five characters (leading zeros
+// included), or a month name of more than nine, is no date.
 int WakeDateState(const std::string& date_text);
 // The same rule against a given `today` (kNotPaused if `today` is not a date).
 int WakeDateState(const std::string& date_text, const boost::gregorian::date& today);

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 #include "FileIO.h"
@@ -81,10 +82,21 @@ std::string ResolveLink(const std::string& path) {
   return real ? std::string(real.get()) : path;
 }
 
-}  // namespace
+// Rewrites the existing regular file `path` with `size` bytes of `data`,
+// without a temporary file: the fallback when the directory refuses one.
+bool WriteInPlace(const std::string& path, const void* data, std::size_t size) {
+  ScopedFd fd(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  struct stat st;
+  if (!fd.is_valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  return posix_io::WriteAll(fd.get(), data, size) &&
+         ::ftruncate(fd.get(), static_cast<off_t>(size)) == 0 && ::fsync(fd.get()) == 0 &&
+         ::close(fd.release()) == 0;
+}
 
-ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
-                    int* error_number) {
+void RemoveTemporariesOlderThan(const std::string& path, std::int64_t seconds);
+
+ReadStatus ReadWithFlags(const std::string& path, int access_flags, std::size_t max_bytes,
+                         std::string* contents, int* error_number) {
   int ignored = 0;
   int& error = error_number != nullptr ? *error_number : ignored;
   error = 0;
@@ -93,7 +105,7 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
     return ReadStatus::kError;
   }
   // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
-  ScopedFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  ScopedFd fd(::open(path.c_str(), access_flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (!fd.is_valid()) {
     error = errno;
     return errno == ENOENT ? ReadStatus::kMissing : ReadStatus::kError;
@@ -127,6 +139,27 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
   return ReadStatus::kOk;
 }
 
+}  // namespace
+
+ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
+                    int* error_number) {
+  return ReadWithFlags(path, O_RDONLY, max_bytes, contents, error_number);
+}
+
+ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes,
+                            std::string* contents) {
+  return ReadWithFlags(path, O_RDWR, max_bytes, contents, nullptr);
+}
+
+bool GetRegularFileSize(const std::string& path, std::uint64_t* size) {
+  if (size == nullptr || path.empty()) return false;
+  ScopedFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  struct stat st;
+  if (!fd.is_valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  *size = static_cast<std::uint64_t>(st.st_size);
+  return true;
+}
+
 std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }
 
 bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
@@ -141,7 +174,12 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   auto mode = static_cast<mode_t>(options.mode & 07777);
   if (options.keep_mode) {
     struct stat st;
-    if (::stat(target.c_str(), &st) == 0) {
+    // A link that is replaced rather than followed has no mode to keep.
+    const int found = options.follow_link ? ::stat(target.c_str(), &st)
+                                          : ::lstat(target.c_str(), &st);
+    if (found == 0 && S_ISLNK(st.st_mode)) {
+      // the new file takes options.mode
+    } else if (found == 0) {
       // Refuse what an open for writing would refuse.
       if (S_ISDIR(st.st_mode) || ::access(target.c_str(), W_OK) != 0) return false;
       mode = st.st_mode & 07777;
@@ -153,7 +191,9 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   std::string temp_path = FileUtil::JoinPath(dir, TemporaryPrefix(base));
   temp_path.append(kTempSuffixLength, 'X');
   ScopedFd fd(::mkostemp(temp_path.data(), O_CLOEXEC));  // fills in the X's
-  if (!fd.is_valid()) return false;
+  if (!fd.is_valid()) {
+    return options.in_place_fallback && WriteInPlace(target, data, size);
+  }
   TemporaryFile temporary(temp_path);
   if (!posix_io::WriteAll(fd.get(), data, size) || ::fchmod(fd.get(), mode) != 0 ||
       ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
@@ -162,23 +202,35 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   if (::rename(temp_path.c_str(), target.c_str()) != 0) return false;
   temporary.Commit();
   SyncDirectory(dir);
+  RemoveTemporariesOlderThan(target, kStaleTemporarySeconds);
   return true;
 }
 
-void RemoveStaleTemporaries(const std::string& path) {
+void RemoveStaleTemporaries(const std::string& path) { RemoveTemporariesOlderThan(path, 0); }
+
+namespace {
+
+void RemoveTemporariesOlderThan(const std::string& path, std::int64_t seconds) {
   const std::string dir = FileUtil::ParentDirectory(path);
   ScopedDir listing(::opendir(dir.empty() ? "." : dir.c_str()));
   if (!listing) return;
   std::vector<std::string> names;
   posix_io::ReadNames(listing.get(), &names);
   const std::string prefix = TemporaryPrefix(FileUtil::LastPathComponent(path));
+  const auto now = static_cast<std::int64_t>(std::time(nullptr));
   for (const std::string& name : names) {
     if (name.size() == prefix.size() + kTempSuffixLength &&
         name.compare(0, prefix.size(), prefix) == 0) {
-      ::unlink(FileUtil::JoinPath(dir, name).c_str());
+      const std::string temp = FileUtil::JoinPath(dir, name);
+      struct stat st;
+      if (::lstat(temp.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+      if (seconds > 0 && static_cast<std::int64_t>(st.st_mtime) > now - seconds) continue;
+      ::unlink(temp.c_str());
     }
   }
 }
+
+}  // namespace
 
 bool MakeDirectoryPath(const std::string& path, unsigned mode) {
   if (path.empty()) return false;

@@ -7,15 +7,16 @@
 #include <fcntl.h>
 #include <plist/plist.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <cerrno>
-#include <memory>
 #include <string>
 
 #include "FileIO.h"
 #include "FileUtil.h"
 #include "Guarded.h"
 #include "PlatformPaths.h"
+#include "Posix/PlistGuards.h"
 #include "Posix/ScopedFd.h"
 #include "PreferenceStore.h"
 #include "Preferences.h"
@@ -41,29 +42,27 @@ std::string SystemDir() {
   return dir;
 }
 
+// Text that is not UTF-8 is repaired here, at read: written back as it is,
+// the library would store it as an object that its own reader rejects.
 PrefValue ParseDomain(const std::string& data) {
-  if (!data.empty()) {
-    plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-    PrefValue parsed = PrefValue::Adopt(root);
-    if (parsed.Kind() == kPrefDictionary) return parsed;
-  }
-  return PrefValue::Dictionary();
+  PrefValue parsed = PrefValue::Adopt(plist_guard::Parse(data));
+  if (parsed.Kind() != kPrefDictionary) return PrefValue::Dictionary();
+  plist_guard::RepairStrings(static_cast<plist_t>(parsed.Node()));
+  return parsed;
 }
 
 bool StoreDomain(const std::string& path, const PrefValue& domain) {
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(static_cast<plist_t>(domain.Node()), &bytes, &length);
-  const std::unique_ptr<char, void (*)(char*)> owned(bytes, &plist_to_bin_free);
-  if (owned == nullptr || length == 0) return false;
+  // Never replace a good file by bytes that do not read back as the same
+  // dictionary.
+  std::string bytes;
+  if (!plist_guard::SerialiseVerified(static_cast<plist_t>(domain.Node()), &bytes)) return false;
   // Domain files are private to their user, and the file itself is replaced
   // (a link at its place is not followed).
   FileIO::ReplaceOptions options;
   options.mode = 0600;
   options.keep_mode = false;
   options.follow_link = false;
-  return FileIO::ReplaceFile(path, owned.get(), length, options);
+  return FileIO::ReplaceFile(path, bytes.data(), bytes.size(), options);
 }
 
 }  // namespace
@@ -119,8 +118,14 @@ PrefValue ReadDomain(const std::string& path) {
 bool UpdateDomain(const std::string& path, const std::function<Edit(PrefValue* domain)>& edit) {
   const std::string dir = FileUtil::ParentDirectory(path);
   if (path.empty() || !FileIO::MakeDirectoryPath(dir, 0755)) return false;
-  ScopedFd lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!lock.is_valid()) return false;
+  // Not followed through a link, and refused without blocking when it is not
+  // a regular file.
+  ScopedFd lock(::open((path + ".lock").c_str(),
+                       O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
+  struct stat lock_stat;
+  if (!lock.is_valid() || ::fstat(lock.get(), &lock_stat) != 0 || !S_ISREG(lock_stat.st_mode)) {
+    return false;
+  }
   while (::flock(lock.get(), LOCK_EX) != 0) {
     if (errno != EINTR) return false;
   }

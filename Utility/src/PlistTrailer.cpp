@@ -1,0 +1,55 @@
+// The binary property-list trailer check; see PlistTrailer.h.
+#include "PlistTrailer.h"
+
+#include <cstring>
+
+namespace PlistTrailer {
+namespace {
+
+constexpr char kMagic[] = "bplist00";
+constexpr std::size_t kMagicSize = 8;
+constexpr std::size_t kTrailerSize = 32;
+
+std::uint64_t BigEndian(const unsigned char* bytes, unsigned count) {
+  std::uint64_t value = 0;
+  for (unsigned i = 0; i < count; ++i) value = (value << 8) | bytes[i];
+  return value;
+}
+
+}  // namespace
+
+bool IsBinary(const char* data, std::size_t size) {
+  return data != nullptr && size >= kMagicSize && std::memcmp(data, kMagic, kMagicSize) == 0;
+}
+
+bool IsSound(const char* data, std::size_t size, Fields* fields) {
+  if (!IsBinary(data, size) || size < kMagicSize + kTrailerSize) return false;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+  const unsigned char* trailer = bytes + size - kTrailerSize;
+  Fields f;
+  f.offset_size = trailer[6];
+  f.ref_size = trailer[7];
+  f.object_count = BigEndian(trailer + 8, 8);
+  f.top_object = BigEndian(trailer + 16, 8);
+  f.table_offset = BigEndian(trailer + 24, 8);
+
+  if (f.offset_size < 1 || f.offset_size > 8 || f.ref_size < 1 || f.ref_size > 8) return false;
+  if (f.object_count == 0 || f.top_object >= f.object_count) return false;
+  if (f.ref_size < 8 && f.object_count > (std::uint64_t{1} << (8 * f.ref_size))) return false;
+
+  // The table lies in [table_offset, trailer); compared by subtraction only.
+  const std::uint64_t trailer_start = size - kTrailerSize;
+  if (f.table_offset < kMagicSize || f.table_offset >= trailer_start) return false;
+  const std::uint64_t room = trailer_start - f.table_offset;
+  if (f.object_count > room / f.offset_size) return false;
+
+  const unsigned char* table = bytes + f.table_offset;
+  for (std::uint64_t i = 0; i < f.object_count; ++i) {
+    const std::uint64_t offset = BigEndian(table + i * f.offset_size, f.offset_size);
+    if (offset < kMagicSize || offset >= f.table_offset) return false;
+  }
+  if (fields != nullptr) *fields = f;
+  return true;
+}
+
+}  // namespace PlistTrailer
