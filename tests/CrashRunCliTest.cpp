@@ -3,6 +3,7 @@
 // files remain, and its diagnostic log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -200,6 +201,28 @@ TEST_F(CrashRunTest, NamesThatAreNotUtf8AreHandledAsBytes) {
   // byte is the Latin-1 character (C3 -> U+00C3, C3 83), so it stays UTF-8.
   EXPECT_EQ(Decoded(log), CrashDocument("S\xc3\x83", "Fam", "NOVALUE", MachineId()));
   EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+}
+
+// A FIFO at the preference file's place: before, the run hung for ever on
+// it. Now it reads as a file that cannot be opened: no stored identity, so a
+// fresh one that cannot be stored, scrambling on by default, the FIFO left
+// alone.
+TEST_F(CrashRunTest, FifoAtThePreferenceFileDoesNotHangTheRun) {
+  MakeLogDir();
+  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
+  const std::string prefs =
+      PreferenceFilePath(kDomain, PrefUser::kCurrentUser, PrefHost::kCurrentHost);
+  ASSERT_TRUE(MakeDirs(prefs.substr(0, prefs.rfind('/'))));
+  ASSERT_EQ(0, ::mkfifo(prefs.c_str(), 0600));
+  const RunResult run = RunProgram({"/usr/bin/timeout", "30", CRASH_PROCESSOR_PATH, "Prod", "1234"});
+  ASSERT_EQ(run.status, 0) << "124 means the run hung";
+  const std::string document = Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy");
+  std::smatch id;
+  ASSERT_TRUE(std::regex_search(document, id, std::regex("MachineID\" data=\"([0-9A-F-]{36})\"")));
+  EXPECT_EQ(document, CrashDocument("S1", "Fam", "Name", id[1].str()));
+  struct stat st;
+  ASSERT_EQ(0, ::lstat(prefs.c_str(), &st));
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
 }
 
 TEST_F(CrashRunTest, ManyUnrelatedEntries) {

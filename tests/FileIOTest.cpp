@@ -111,3 +111,88 @@ TEST(FileIOMakeDirectoryPath, CreatesMissingPartsAndNeverReplacesAFile) {
 }
 
 }  // namespace
+
+namespace {
+
+// The writers' stream never follows a planted link and never blocks on, or
+// writes to, a FIFO, device or directory at its name.
+TEST(FileIOOutputStream, RefusesLinksAndWhatIsNotARegularFile) {
+  ScopedTempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("target"), "precious") && MakeDirs(tmp.Sub("dir")));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("link").c_str()));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("nowhere").c_str(), tmp.Sub("dangling").c_str()));
+  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
+  for (const char* name : {"link", "dangling", "fifo", "dir"}) {
+    for (const bool append : {false, true}) {
+      EXPECT_EQ(nullptr, FileIO::OpenOutputStream(tmp.Sub(name), append)) << name << append;
+    }
+  }
+  std::string text;
+  EXPECT_TRUE(ReadFile(tmp.Sub("target"), &text) && text == "precious");
+  EXPECT_FALSE(PathExists(tmp.Sub("nowhere")));
+
+  // A regular file is truncated or appended to, as asked.
+  ASSERT_TRUE(WriteFile(tmp.Sub("log"), "old\n"));
+  *FileIO::OpenOutputStream(tmp.Sub("log"), true) << "appended\n";
+  EXPECT_TRUE(ReadFile(tmp.Sub("log"), &text) && text == "old\nappended\n");
+  *FileIO::OpenOutputStream(tmp.Sub("log"), false) << "fresh\n";
+  EXPECT_TRUE(ReadFile(tmp.Sub("log"), &text) && text == "fresh\n");
+}
+
+TEST(FileIORead, ReadWritableAndSizeProbesNeverBlock) {
+  ScopedTempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("file"), "12345"));
+  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
+  std::string text = "untouched";
+  EXPECT_EQ(ReadStatus::kNotRegular, FileIO::ReadWritableFile(tmp.Sub("fifo"), 10, &text));
+  EXPECT_EQ("untouched", text);
+  EXPECT_EQ(ReadStatus::kOk, FileIO::ReadWritableFile(tmp.Sub("file"), 10, &text));
+  EXPECT_EQ("12345", text);
+  std::uint64_t size = 99;
+  EXPECT_FALSE(FileIO::GetRegularFileSize(tmp.Sub("fifo"), &size));
+  EXPECT_FALSE(FileIO::GetRegularFileSize(tmp.path(), &size));
+  EXPECT_EQ(99u, size);
+  EXPECT_TRUE(FileIO::GetRegularFileSize(tmp.Sub("file"), &size));
+  EXPECT_EQ(5u, size);
+}
+
+// A killed writer's temporary file is removed by the next successful write
+// once it is older than a live writer could be; a fresh one may belong to a
+// writer at work and stays.
+TEST(FileIOReplace, NextWriterRemovesOldTemporariesOnly) {
+  ScopedTempDir tmp;
+  const std::string prefix = FileIO::TemporaryPrefix("settings.cfg");
+  ASSERT_TRUE(WriteFile(tmp.Sub(prefix + "Old123"), "killed") &&
+              WriteFile(tmp.Sub(prefix + "New456"), "at work") &&
+              WriteFile(tmp.Sub(FileIO::TemporaryPrefix("other.cfg") + "Old789"), "other"));
+  ASSERT_TRUE(AgeFile(tmp.Sub(prefix + "Old123"), FileIO::kStaleTemporarySeconds + 60));
+  ASSERT_TRUE(AgeFile(tmp.Sub(FileIO::TemporaryPrefix("other.cfg") + "Old789"), 600));
+  ASSERT_TRUE(FileIO::ReplaceFile(tmp.Sub("settings.cfg"), "x", 1));
+  EXPECT_EQ((std::vector<std::string>{".other.cfg.tmp-Old789", prefix + "New456", "settings.cfg"}),
+            ListNames(tmp.path()));
+}
+
+// A directory that refuses new files: atomic replacement is impossible; with
+// the fallback the existing file is rewritten in place, without it nothing
+// changes. A link at the name is never written through.
+TEST(FileIOReplace, InPlaceFallbackWhenTheDirectoryRefusesNewFiles) {
+  ScopedTempDir tmp;
+  ASSERT_TRUE(MakeDirs(tmp.Sub("locked")) && WriteFile(tmp.Sub("locked/file"), "old contents") &&
+              WriteFile(tmp.Sub("target"), "precious"));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("locked/link").c_str()));
+  ScopedNoNewFiles locked(tmp.Sub("locked"));
+  if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
+  FileIO::ReplaceOptions fallback;
+  fallback.in_place_fallback = true;
+  fallback.follow_link = false;
+  std::string text;
+  EXPECT_FALSE(FileIO::ReplaceFile(tmp.Sub("locked/file"), "new", 3));
+  EXPECT_TRUE(ReadFile(tmp.Sub("locked/file"), &text) && text == "old contents");
+  EXPECT_TRUE(FileIO::ReplaceFile(tmp.Sub("locked/file"), "new", 3, fallback));
+  EXPECT_TRUE(ReadFile(tmp.Sub("locked/file"), &text) && text == "new");
+  EXPECT_FALSE(FileIO::ReplaceFile(tmp.Sub("locked/link"), "evil", 4, fallback));
+  EXPECT_FALSE(FileIO::ReplaceFile(tmp.Sub("locked/absent"), "new", 3, fallback));
+  EXPECT_TRUE(ReadFile(tmp.Sub("target"), &text) && text == "precious");
+}
+
+}  // namespace

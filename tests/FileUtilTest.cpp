@@ -116,6 +116,52 @@ TEST(FileUtilList, MatchingKeepsEveryEntryThatHoldsAllSubstringsAndAccumulates) 
   EXPECT_EQ(Strings{"earlier"}, kept);
 }
 
+// A path that is not UTF-8 is no path of this system: listing it answers
+// false (even where it exists) and creating it makes nothing.
+TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
+  ScopedTempDir tmp;
+  const std::string odd = tmp.Sub("caf\xE9");
+  ASSERT_TRUE(MakeDirs(odd));
+  Touch(tmp, {"caf\xE9/entry"});
+  const struct Case {
+    std::string path;
+    bool exists;
+  } cases[] = {
+      {odd, true},
+      {tmp.Sub("\xC3\x28"), false},
+      {tmp.Sub("ok/\xED\xA0\x80"), false},  // an encoded surrogate
+      {tmp.Sub("\xF4\x90\x80\x80/x"), false},
+  };
+  for (const Case& c : cases) {
+    Strings names;
+    EXPECT_FALSE(FileUtil::ListDirectoryMatching(c.path, {}, &names)) << c.path;
+    EXPECT_TRUE(names.empty()) << c.path;
+    if (!c.exists) {
+      EXPECT_FALSE(FileUtil::CreateDirectories(c.path)) << c.path;
+      EXPECT_FALSE(PathExists(c.path)) << c.path;
+    }
+  }
+  EXPECT_EQ((Strings{"caf\xE9"}), ListNames(tmp.path()));  // "ok" was not made either
+  Strings names;
+  EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {}, &names));  // entries may be bytes
+  EXPECT_EQ((Strings{"caf\xE9"}), names);
+}
+
+// Writers and probes of this file never block on a FIFO nor write through a
+// planted link.
+TEST(FileUtilProbes, FifosAndLinksAreNotFiles) {
+  ScopedTempDir tmp;
+  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
+  ASSERT_TRUE(WriteFile(tmp.Sub("target"), "precious"));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("link").c_str()));
+  EXPECT_TRUE(FileUtil::IsFileSizeAtMost(tmp.Sub("fifo"), 0));  // cannot be opened: size 0
+  EXPECT_EQ(-1, FileUtil::WriteStringToFile("x", tmp.Sub("fifo")));
+  EXPECT_EQ(-1, FileUtil::WriteStringToFile("x", tmp.Sub("link")));
+  EXPECT_EQ("precious", Read(tmp.Sub("target")));
+  EXPECT_EQ(0, FileUtil::WriteStringToFile("text", tmp.Sub("new")));
+  EXPECT_EQ("text", Read(tmp.Sub("new")));
+}
+
 TEST(FileUtilDelete, NamedFilesConcatenateAndMatchingRules) {
   ScopedTempDir tmp;
   Touch(tmp, {"d/x", "dx"});

@@ -4,13 +4,18 @@
 // starts undecided); the parent inspects the files left behind.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <chrono>
 #include <functional>
+#include <future>
+#include <memory>
 #include <regex>
+#include <thread>
 
 #include "Logger.h"
 #include "PlatformPaths.h"
@@ -150,3 +155,38 @@ TEST(ReadConfigValue, TokensLinesAndLimits) {
   expect("append=1\n" + std::string(600, 'x') + "\nappend=2\n", "1");
   EXPECT_EQ("", ReadConfigValue(dir.Sub("absent"), "append"));
 }
+
+namespace {
+
+// A link planted at the log's name is neither truncated nor appended to,
+// and the target it names keeps its bytes; lines are dropped instead.
+TEST(LoggerFileTest, PlantedLinkAtTheLogIsRefused) {
+  for (const char* config : {"append=0\n", "append=1\n"}) {
+    Sandbox box;
+    ASSERT_TRUE(WriteFile(box.config, config) && WriteFile(box.dir.Sub("target"), "precious\n") &&
+                MakeDirs(box.home + "/Library/Logs/Quorvik/LumetryQX"));
+    ASSERT_EQ(0, ::symlink(box.dir.Sub("target").c_str(), box.log.c_str()));
+    EXPECT_EQ(0, box.Run([] { return Logger::Instance("LogSession").Info("run", "d"), 0; }));
+    std::string text;
+    EXPECT_TRUE(ReadFile(box.dir.Sub("target"), &text) && text == "precious\n") << config;
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(box.log.c_str(), &st));
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << config;
+  }
+}
+
+// A FIFO at the configuration's place reads as a file that cannot be opened:
+// no settings, and no wait for a writer that never comes.
+TEST(ReadConfigValue, FifoReadsAsNoSettingsWithoutBlocking) {
+  ScopedTempDir dir;
+  const std::string path = dir.Sub("VxLog.config");
+  ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+  auto promise = std::make_shared<std::promise<std::string>>();
+  std::future<std::string> value = promise->get_future();
+  // Detached: a reader that blocks must not keep the test from failing.
+  std::thread([promise, path] { promise->set_value(ReadConfigValue(path, "append")); }).detach();
+  ASSERT_EQ(std::future_status::ready, value.wait_for(std::chrono::seconds(10)));
+  EXPECT_EQ("", value.get());
+}
+
+}  // namespace

@@ -2,6 +2,7 @@
 // independent reader and writer, refused calls, damaged files, racing writers.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,9 @@
 #include <vector>
 
 #include "PlatformPaths.h"
+#include "PlistTrailer.h"
+#include "Posix/PlistGuards.h"
+#include "Posix/ScopedPlist.h"
 #include "Preferences.h"
 #include "TestSupport.h"
 
@@ -176,6 +180,135 @@ TEST_F(PreferencesTest, DamagedFilesReadEmptyAndAreReplaced) {
     }
   }
   EXPECT_EQ("kept", Str("k", "other"));
+}
+
+// A domain file written by another tool with a Latin-1 string: the string is
+// repaired at read, and the next write of any key keeps every other key
+// (before, the library wrote the string as an object its own reader rejects,
+// and the replaced file read as an empty domain).
+TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
+  const std::string xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>MachineID</key><string>ID-1</string><key>obfuscate</key><integer>0</integer>"
+      "<key>city</key><string>\xE9t\xE9</string>"
+      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
+  ASSERT_TRUE(testing_support::WriteFile(file_, xml));
+  EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
+  ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ("ID-1", Str("MachineID"));
+    EXPECT_EQ(0, Num("obfuscate"));
+    EXPECT_EQ(1, Num("send"));
+    EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
+    Pairs pairs;
+    EXPECT_TRUE(GetPreferenceDictionaryPairs("d", kDomain, &pairs, kMe, kAny));
+    EXPECT_EQ((Pairs{{"k\xC3\xBF", "v\xC3\xBF"}}), pairs);
+    ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
+  }
+}
+
+// A binary file whose trailer points outside the file reads as an empty
+// domain without the library ever seeing it; the next write replaces it.
+TEST_F(PreferencesTest, UnsoundBinaryTrailersReadEmpty) {
+  ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
+  std::string valid;
+  ASSERT_TRUE(testing_support::ReadFile(file_, &valid));
+  ASSERT_EQ("v", Str("k"));
+  // Trailer: 6 unused bytes, offset size, ref size, then three big-endian
+  // 64-bit numbers: object count, top object, offset-table position.
+  const auto with_trailer_byte = [&valid](std::size_t from_end, unsigned char byte) {
+    std::string bytes = valid;
+    bytes[bytes.size() - from_end] = static_cast<char>(byte);
+    return bytes;
+  };
+  for (const std::string& bad :
+       {with_trailer_byte(26, 0), with_trailer_byte(26, 9), with_trailer_byte(25, 0),
+        with_trailer_byte(24, 0xFF), with_trailer_byte(16, 0xFF), with_trailer_byte(8, 0x80),
+        with_trailer_byte(1, 0xFF), with_trailer_byte(1, 0), valid.substr(0, 39)}) {
+    ASSERT_TRUE(testing_support::WriteFile(file_, bad));
+    EXPECT_EQ("<none>", Str("k"));
+    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 5, kMe, kAny));
+    EXPECT_EQ(5, Num("n"));
+  }
+}
+
+// The trailer check on a minimal binary list (an empty dictionary), one
+// field spoiled at a time, with values chosen to overflow naive arithmetic.
+TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
+  const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
+                       std::uint64_t top, std::uint64_t table, unsigned char entry) {
+    std::string bytes = "bplist00";
+    bytes += '\xD0';                      // the object: an empty dictionary, at 8
+    bytes += static_cast<char>(entry);    // the offset table, at 9
+    bytes.append(6, '\0');
+    bytes += static_cast<char>(offset_size);
+    bytes += static_cast<char>(ref_size);
+    for (std::uint64_t value : {count, top, table}) {
+      for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+    }
+    return bytes;
+  };
+  const std::uint64_t kMax = ~std::uint64_t{0};
+  const struct Case {
+    std::string bytes;
+    bool sound;
+  } cases[] = {
+      {make(1, 1, 1, 0, 9, 8), true},
+      {make(0, 1, 1, 0, 9, 8), false},     {make(9, 1, 1, 0, 9, 8), false},
+      {make(1, 0, 1, 0, 9, 8), false},     {make(1, 9, 1, 0, 9, 8), false},
+      {make(1, 1, 0, 0, 9, 8), false},     {make(1, 1, 1, 1, 9, 8), false},
+      {make(1, 1, kMax, 0, 9, 8), false},  {make(8, 8, kMax / 4, 0, 9, 8), false},
+      {make(1, 1, 1, 0, kMax - 7, 8), false}, {make(1, 1, 1, 0, 3, 8), false},
+      {make(1, 1, 1, 0, 10, 8), false},    {make(1, 1, 1, 0, 9, 9), false},
+      {make(1, 1, 1, 0, 9, 2), false},     {make(1, 1, 1, 0, 9, 8).substr(0, 39), false},
+      {"bplist01" + make(1, 1, 1, 0, 9, 8).substr(8), false},
+  };
+  for (std::size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    const std::string& b = cases[i].bytes;
+    PlistTrailer::Fields fields;
+    EXPECT_EQ(cases[i].sound, PlistTrailer::IsSound(b.data(), b.size(), &fields)) << i;
+  }
+  PlistTrailer::Fields fields;
+  const std::string sound = make(1, 1, 1, 0, 9, 8);
+  ASSERT_TRUE(PlistTrailer::IsSound(sound.data(), sound.size(), &fields));
+  EXPECT_EQ(9u, fields.table_offset);
+  EXPECT_EQ(1u, fields.object_count);
+}
+
+// The write guard: a tree that the library would write as bytes its own
+// reader does not give back (a string that is not UTF-8) is refused; the
+// same tree once repaired is written, and reads back the same.
+TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
+  const ScopedPlist tree = AdoptPlist(plist_new_dict());
+  plist_dict_set_item(static_cast<plist_t>(tree.get()), "MachineID", plist_new_string("ID-1"));
+  plist_dict_set_item(static_cast<plist_t>(tree.get()), "city", plist_new_string("\xE9t\xE9"));
+  std::string bytes = "untouched";
+  EXPECT_FALSE(plist_guard::SerialiseVerified(static_cast<plist_t>(tree.get()), &bytes));
+  EXPECT_EQ("untouched", bytes);
+  plist_guard::RepairStrings(static_cast<plist_t>(tree.get()));
+  ASSERT_TRUE(plist_guard::SerialiseVerified(static_cast<plist_t>(tree.get()), &bytes));
+  const ScopedPlist reread = AdoptPlist(plist_guard::Parse(bytes));
+  EXPECT_TRUE(plist_guard::SameTree(static_cast<plist_t>(tree.get()),
+                                    static_cast<plist_t>(reread.get())));
+  plist_dict_set_item(static_cast<plist_t>(reread.get()), "city", plist_new_string("ete"));
+  EXPECT_FALSE(plist_guard::SameTree(static_cast<plist_t>(tree.get()),
+                                     static_cast<plist_t>(reread.get())));
+}
+
+// A FIFO at the domain file or at its lock file: reads see an empty domain
+// and writes fail, at once.
+TEST_F(PreferencesTest, FifosReadEmptyAndRefuseWritesWithoutBlocking) {
+  ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
+  for (const std::string& fifo : {file_, file_ + ".lock"}) {
+    ASSERT_EQ(0, ::unlink(fifo.c_str()));
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    if (fifo == file_) {
+      EXPECT_EQ("<none>", Str("k"));
+    }
+    EXPECT_FALSE(SetPreferenceString("k", kDomain, "w", kMe, kAny));
+    ASSERT_EQ(0, ::unlink(fifo.c_str()));
+    ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
+  }
 }
 
 TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKey) {

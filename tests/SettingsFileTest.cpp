@@ -111,4 +111,73 @@ TEST(SettingsFileTest, RoundTripAndGarbage) {
   EXPECT_EQ(loaded.Load(path) + loaded.Save(path), 0);
 }
 
+// Section headers holding "/" (texts a server can send through a merge)
+// read back under the same paths after a save: the key never turns into a
+// comment or a different key.
+TEST(SettingsFileTest, HeadersHoldingSlashSurviveSaveAndLoad) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("slash.cfg");
+  const struct Case {
+    const char* text;
+    const char* section;  // asked for as written in the header
+    const char* key;
+    const char* value;
+  } cases[] = {
+      {"[a/b=c]\nk=v", "a/b=c", "k", "v"},
+      {"[settings/#x]\nurl=http://x", "settings/#x", "url", "http://x"},
+      {"[settings/;x]\nurl=y", "settings/;x", "url", "y"},
+      {"[a/ b]\nk=v", "a/ b", "k", "v"},
+      {"[/]\nk=v", "/", "k", "v"},
+      {"[a/[b]\nk=v", "a/[b", "k", "v"},
+      {"[a/b]\n=v", "a/b", "", "v"},
+      {"[a/b]\nNoEquals", "a/b", "noequals", "NoEquals"},
+  };
+  for (const Case& c : cases) {
+    SettingsFile original;
+    original.LoadText(std::string(c.text) + "\n[plain]\nkey=value");
+    ASSERT_EQ(original.GetValue(c.section, c.key), c.value) << c.text;
+    SettingsFile reread;
+    ASSERT_EQ(original.Save(path) + reread.Load(path), 0) << c.text;
+    EXPECT_EQ(Dump(reread), Dump(original)) << c.text;
+    EXPECT_EQ(reread.GetValue(c.section, c.key), c.value) << c.text;
+    EXPECT_EQ(reread.GetValue("plain", "key"), "value") << c.text;
+  }
+  // A key that no line can hold is left out; the rest is saved.
+  SettingsFile odd;
+  odd.SetValue("s", "a=b", "1");
+  odd.SetValue("s", "#c", "2");
+  odd.SetValue("s", "ok", "3");
+  std::string text;
+  ASSERT_TRUE(odd.Save(path) == 0 && ts::ReadFile(path, &text));
+  EXPECT_EQ(text, "[s]\nok=3\n");
+}
+
+// A link planted at the name is replaced, never written through; a killed
+// writer's old temporary file is removed by the next save; a directory that
+// refuses new files still lets the existing file be rewritten.
+TEST(SettingsFileTest, SaveRefusesLinksCleansUpAndFallsBackInPlace) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("LogCourier2.cfg");
+  ASSERT_TRUE(ts::WriteFile(dir.Sub("target"), "precious"));
+  ASSERT_EQ(0, ::symlink(dir.Sub("target").c_str(), path.c_str()));
+  const std::string stale = dir.Sub(".LogCourier2.cfg.tmp-a1B2c3");
+  ASSERT_TRUE(ts::WriteFile(stale, "[settings]\nurl=half") && ts::AgeFile(stale, 3600));
+  SettingsFile s;
+  s.LoadText("[ulog]\nstatus=Active");
+  ASSERT_EQ(s.Save(path), 0);
+  std::string text;
+  EXPECT_TRUE(ts::ReadFile(dir.Sub("target"), &text) && text == "precious");
+  struct stat st;
+  ASSERT_EQ(0, ::lstat(path.c_str(), &st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"LogCourier2.cfg", "target"}));
+
+  ts::ScopedNoNewFiles locked(dir.path());
+  if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
+  s.SetValue("ulog", "status", "Kill");
+  ASSERT_EQ(s.Save(path), 0);
+  ASSERT_EQ(s.Load(path), 0);
+  EXPECT_EQ(s.GetValue("ulog", "status"), "Kill");
+}
+
 }  // namespace

@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <linux/fs.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -241,6 +243,44 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
     result.status = 128 + WTERMSIG(status);
   }
   return result;
+}
+
+ScopedNoNewFiles::ScopedNoNewFiles(const std::string& dir) : dir_(dir) {
+  if (::geteuid() == 0) {
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    int flags = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
+      flags |= FS_IMMUTABLE_FL;
+      if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0) how_ = How::kImmutable;
+    }
+    ::close(fd);
+    return;
+  }
+  if (::chmod(dir.c_str(), 0555) == 0) how_ = How::kMode;
+}
+
+ScopedNoNewFiles::~ScopedNoNewFiles() {
+  if (how_ == How::kImmutable) {
+    const int fd = ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    int flags = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
+      flags &= ~FS_IMMUTABLE_FL;
+      ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
+    }
+    ::close(fd);
+  } else if (how_ == How::kMode) {
+    ::chmod(dir_.c_str(), 0755);
+  }
+}
+
+bool AgeFile(const std::string& path, long seconds) {
+  struct timespec times[2];
+  ::clock_gettime(CLOCK_REALTIME, &times[0]);
+  times[0].tv_sec -= seconds;
+  times[1] = times[0];
+  return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
 }
 
 }  // namespace testing_support

@@ -66,6 +66,27 @@ class ScopedHome {
   ScopedEnv env_;
 };
 
+// Makes `dir` refuse new entries for the scope while its files stay
+// writable: the immutable flag when running as root (permission bits do not
+// stop root), else mode 0555. active() is false when neither could be set
+// (a file system without the flag); callers then skip.
+class ScopedNoNewFiles {
+ public:
+  explicit ScopedNoNewFiles(const std::string& dir);
+  ~ScopedNoNewFiles();
+  ScopedNoNewFiles(const ScopedNoNewFiles&) = delete;
+  ScopedNoNewFiles& operator=(const ScopedNoNewFiles&) = delete;
+  bool active() const { return how_ != How::kNone; }
+
+ private:
+  enum class How { kNone, kImmutable, kMode };
+  std::string dir_;
+  How how_ = How::kNone;
+};
+
+// Sets the modification time of `path` to `seconds` before now.
+bool AgeFile(const std::string& path, long seconds);
+
 bool ReadFile(const std::string& path, std::string* contents);
 // Creates missing parent directories; false on any failure.
 bool WriteFile(const std::string& path, const std::string& contents);

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "PlatformPaths.h"
+#include "PatternBounds.h"
 #include "SettingsFile.h"
 #include "TestSupport.h"
 #include "UploaderConfig.h"
@@ -53,6 +54,38 @@ TEST(UploaderConfigTest, ServerAddresses) {
   s.SetValue("settings", "url", "https://evil.example.com/lumetry");
   EXPECT_EQ(Uploader::GetServerUrl(s), Uploader::kDefaultServerUrl);
   EXPECT_EQ(s.GetValue("settings", "url"), Uploader::kDefaultServerUrl);
+}
+
+// Foreign patterns are compiled only within bounds: "a" followed by 24 "+"
+// would take the compiler to hundreds of megabytes.
+TEST(UploaderConfigTest, PatternsOutsideTheBoundsNeverMatch) {
+  const std::string many_plus = "a" + std::string(24, '+');
+  EXPECT_FALSE(Uploader::MatchesPattern("aaaa", many_plus));
+  const std::pair<std::string, bool> cases[] = {
+      {"http://[^/]+\\.quorvik\\.com/.*", true},
+      {"(a|b){3,5}[[:alpha:]]x?", true},
+      {"[]a+]*", true},
+      {"a{64}", true},
+      {"a++", false},
+      {"a*{2}", false},
+      {"a?*", false},
+      {"a{65}", false},
+      {"a{3,2}", false},
+      {"a{2", false},
+      {"((((a))))", true},
+      {"(((((a)))))", false},
+      {"(a{64}){64}", false},
+      {"(a)\\1", false},
+      {"(a", false},
+      {"a)", false},
+      {"[abc", false},
+      {std::string(256, 'a'), true},
+      {std::string(257, 'a'), false},
+      {std::string("a\0b", 3), false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(PatternBounds::IsAcceptable(c.first), c.second) << c.first;
+  EXPECT_TRUE(Uploader::MatchesPattern("xaaay", "a{3}"));
+  EXPECT_FALSE(Uploader::MatchesPattern("xaaay", "a{3}{1}"));  // refused, though it would match
 }
 
 TEST(UploaderConfigTest, ConfigPlaces) {
