@@ -1,7 +1,8 @@
 // The crash processor's run: `crash-processor <productName> <pid> [ignored...]`.
 // One pass: find the session-information files the crashed process left,
 // write a crash usage log for each valid one, delete them, and answer how
-// far it got. The run reads no input and, in a release build, prints nothing.
+// far it got. The run reads no input and prints nothing (step traces only in
+// a build with LUMETRY_TRACE).
 #ifndef LUMETRY_APPLICATION_CRASHRUN_H_
 #define LUMETRY_APPLICATION_CRASHRUN_H_
 

@@ -3,6 +3,8 @@
 // valid UTF-8; after the write, every key of the domain as read before is
 // still there with the same kind (and the same text, for strings), the new
 // key reads back, and the file reads as the same dictionary plus that key.
+#include "Preferences.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -10,7 +12,6 @@
 
 #include "FuzzSupport.h"
 #include "PreferenceStore.h"
-#include "Preferences.h"
 #include "StringUtil.h"
 
 namespace {
@@ -22,11 +23,13 @@ constexpr PrefHost kHost = PrefHost::kCurrentHost;
 void ReadEverything() {
   std::vector<std::string> keys;
   FUZZ_CHECK(GetDictionaryKeys("any", kDomain, &keys, kUser, kHost));
-  for (const std::string& key : PreferenceStore::ReadDomain(PreferenceFilePath(kDomain, kUser, kHost)).Keys()) {
+  for (const std::string& key :
+       PreferenceStore::ReadDomain(PreferenceFilePath(kDomain, kUser, kHost)).Keys()) {
     FUZZ_CHECK(StringUtil::IsValidUTF8(key));
     std::string text;
     std::int32_t number = 0;
-    if (GetPreferenceString(key, kDomain, &text, kUser, kHost)) FUZZ_CHECK(StringUtil::IsValidUTF8(text));
+    if (GetPreferenceString(key, kDomain, &text, kUser, kHost))
+      FUZZ_CHECK(StringUtil::IsValidUTF8(text));
     GetPreferenceNumber(key, kDomain, &number, kUser, kHost);
     std::vector<std::pair<std::string, std::string>> pairs;
     if (GetPreferenceDictionaryPairs(key, kDomain, &pairs, kUser, kHost)) {
@@ -71,7 +74,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(new_value.Kind() == old_value.Kind());
     std::string old_text;
     std::string new_text;
-    if (old_value.GetString(&old_text)) FUZZ_CHECK(new_value.GetString(&new_text) && new_text == old_text);
+    if (old_value.GetString(&old_text))
+      FUZZ_CHECK(new_value.GetString(&new_text) && new_text == old_text);
     FUZZ_CHECK(new_value.Count() == old_value.Count());
   }
   ReadEverything();

@@ -98,7 +98,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string log = ExpectedLog(name, product);
     if (!log.empty() && log.size() <= 255) logs.insert(log);
   }
-  FUZZ_CHECK(status == (matched.empty() ? CrashProcessor::kRunNoSessionFiles : CrashProcessor::kRunOk));
+  FUZZ_CHECK(status ==
+             (matched.empty() ? CrashProcessor::kRunNoSessionFiles : CrashProcessor::kRunOk));
 
   std::vector<std::string> remaining;
   std::set_difference(planted.begin(), planted.end(), matched.begin(), matched.end(),

@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // be asked for through GetValue's trimming; all others must answer.
     const std::string section = entry.first.substr(0, slash);
     const std::string key = entry.first.substr(slash + 1);
-    if (key.find('/') == std::string::npos) FUZZ_CHECK(loaded.GetValue(section, key) == entry.second);
+    if (key.find('/') == std::string::npos)
+      FUZZ_CHECK(loaded.GetValue(section, key) == entry.second);
   }
 
   FUZZ_CHECK(loaded.Save(path) == 0);

@@ -62,16 +62,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string dir = fuzz_support::PrivateHome() + "/logs";
   FUZZ_CHECK(fuzz_support::WriteBytes(dir + "/.keep", ""));
   fuzz_support::EmptyDirectory(dir);
-  if (id.empty() || id.size() > 200 || id.find_first_of(std::string("/_\0", 3)) != std::string::npos) {
+  if (id.empty() || id.size() > 200 ||
+      id.find_first_of(std::string("/_\0", 3)) != std::string::npos) {
     return 0;
   }
   const std::string plain_machine = machine.substr(0, machine.find('\0'));
   MiniSession(dir, "LumetryQX", "AppCrash", id, "K", false)
       .CreateCrashFile(plain_machine, "Family", "Name");
   std::string document;
-  FUZZ_CHECK(fuzz_support::ReadBytes(dir + "/ulog_LumetryQX_AppCrash_K_" + id + "_0.xml", &document));
+  FUZZ_CHECK(
+      fuzz_support::ReadBytes(dir + "/ulog_LumetryQX_AppCrash_K_" + id + "_0.xml", &document));
   FUZZ_CHECK(StringUtil::IsValidUTF8(document));
   FUZZ_CHECK(document.find("</UsageDoc>\n") != std::string::npos);
-  if (StringUtil::IsValidUTF8(id)) FUZZ_CHECK(document.find("id=\"" + id + "\"") != std::string::npos);
+  if (StringUtil::IsValidUTF8(id))
+    FUZZ_CHECK(document.find("id=\"" + id + "\"") != std::string::npos);
   return 0;
 }

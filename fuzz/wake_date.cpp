@@ -15,9 +15,9 @@ namespace {
 
 const char* const kMonths[] = {"jan", "feb", "mar", "apr", "may", "jun",
                                "jul", "aug", "sep", "oct", "nov", "dec"};
-const char* const kLongMonths[] = {"january", "february", "march",     "april",
-                                   "may",     "june",     "july",      "august",
-                                   "september", "october", "november", "december"};
+const char* const kLongMonths[] = {"january",   "february", "march",    "april",
+                                   "may",       "june",     "july",     "august",
+                                   "september", "october",  "november", "december"};
 
 bool Digits(const std::string& token) {
   if (token.empty() || token.size() > 5) return false;

@@ -214,7 +214,8 @@ TEST_F(CrashRunTest, FifoAtThePreferenceFileDoesNotHangTheRun) {
       PreferenceFilePath(kDomain, PrefUser::kCurrentUser, PrefHost::kCurrentHost);
   ASSERT_TRUE(MakeDirs(prefs.substr(0, prefs.rfind('/'))));
   ASSERT_EQ(0, ::mkfifo(prefs.c_str(), 0600));
-  const RunResult run = RunProgram({"/usr/bin/timeout", "30", CRASH_PROCESSOR_PATH, "Prod", "1234"});
+  const RunResult run =
+      RunProgram({"/usr/bin/timeout", "30", CRASH_PROCESSOR_PATH, "Prod", "1234"});
   ASSERT_EQ(run.status, 0) << "124 means the run hung";
   const std::string document = Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy");
   std::smatch id;

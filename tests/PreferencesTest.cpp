@@ -238,8 +238,8 @@ TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
   const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
                        std::uint64_t top, std::uint64_t table, unsigned char entry) {
     std::string bytes = "bplist00";
-    bytes += '\xD0';                      // the object: an empty dictionary, at 8
-    bytes += static_cast<char>(entry);    // the offset table, at 9
+    bytes += '\xD0';                    // the object: an empty dictionary, at 8
+    bytes += static_cast<char>(entry);  // the offset table, at 9
     bytes.append(6, '\0');
     bytes += static_cast<char>(offset_size);
     bytes += static_cast<char>(ref_size);
@@ -254,13 +254,20 @@ TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
     bool sound;
   } cases[] = {
       {make(1, 1, 1, 0, 9, 8), true},
-      {make(0, 1, 1, 0, 9, 8), false},     {make(9, 1, 1, 0, 9, 8), false},
-      {make(1, 0, 1, 0, 9, 8), false},     {make(1, 9, 1, 0, 9, 8), false},
-      {make(1, 1, 0, 0, 9, 8), false},     {make(1, 1, 1, 1, 9, 8), false},
-      {make(1, 1, kMax, 0, 9, 8), false},  {make(8, 8, kMax / 4, 0, 9, 8), false},
-      {make(1, 1, 1, 0, kMax - 7, 8), false}, {make(1, 1, 1, 0, 3, 8), false},
-      {make(1, 1, 1, 0, 10, 8), false},    {make(1, 1, 1, 0, 9, 9), false},
-      {make(1, 1, 1, 0, 9, 2), false},     {make(1, 1, 1, 0, 9, 8).substr(0, 39), false},
+      {make(0, 1, 1, 0, 9, 8), false},
+      {make(9, 1, 1, 0, 9, 8), false},
+      {make(1, 0, 1, 0, 9, 8), false},
+      {make(1, 9, 1, 0, 9, 8), false},
+      {make(1, 1, 0, 0, 9, 8), false},
+      {make(1, 1, 1, 1, 9, 8), false},
+      {make(1, 1, kMax, 0, 9, 8), false},
+      {make(8, 8, kMax / 4, 0, 9, 8), false},
+      {make(1, 1, 1, 0, kMax - 7, 8), false},
+      {make(1, 1, 1, 0, 3, 8), false},
+      {make(1, 1, 1, 0, 10, 8), false},
+      {make(1, 1, 1, 0, 9, 9), false},
+      {make(1, 1, 1, 0, 9, 2), false},
+      {make(1, 1, 1, 0, 9, 8).substr(0, 39), false},
       {"bplist01" + make(1, 1, 1, 0, 9, 8).substr(8), false},
   };
   for (std::size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
@@ -288,11 +295,11 @@ TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
   plist_guard::RepairStrings(static_cast<plist_t>(tree.get()));
   ASSERT_TRUE(plist_guard::SerialiseVerified(static_cast<plist_t>(tree.get()), &bytes));
   const ScopedPlist reread = AdoptPlist(plist_guard::Parse(bytes));
-  EXPECT_TRUE(plist_guard::SameTree(static_cast<plist_t>(tree.get()),
-                                    static_cast<plist_t>(reread.get())));
+  EXPECT_TRUE(
+      plist_guard::SameTree(static_cast<plist_t>(tree.get()), static_cast<plist_t>(reread.get())));
   plist_dict_set_item(static_cast<plist_t>(reread.get()), "city", plist_new_string("ete"));
-  EXPECT_FALSE(plist_guard::SameTree(static_cast<plist_t>(tree.get()),
-                                     static_cast<plist_t>(reread.get())));
+  EXPECT_FALSE(
+      plist_guard::SameTree(static_cast<plist_t>(tree.get()), static_cast<plist_t>(reread.get())));
 }
 
 // A FIFO at the domain file or at its lock file: reads see an empty domain

@@ -9,8 +9,8 @@
 #include <string>
 #include <tuple>
 
-#include "PlatformPaths.h"
 #include "PatternBounds.h"
+#include "PlatformPaths.h"
 #include "SettingsFile.h"
 #include "TestSupport.h"
 #include "UploaderConfig.h"

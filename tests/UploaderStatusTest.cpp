@@ -45,10 +45,20 @@ TEST(UploaderStatusTest, WakeDates) {
 TEST(UploaderStatusTest, LongDateTokensAreNoDate) {
   const date today(2024, 2, 28);
   const std::pair<const char*, int> cases[] = {
-      {"!00000", 0},           {"!00000-01-01", 0},        {"2999-!00000-01", 0},
-      {"2999-01-!00000", 0},   {"000002999-01-01", 0},     {"2999-0000001-01", 0},
-      {"2999-01-0000001", 0},  {"2999-Septembers-01", 0},  {"2999-September-30", 2},
-      {"02999-00001-00001", 2}, {"2999-01-01-!000000000", 2}, {"2999/Jan/01 " "xxxxxxxxxx", 2},
+      {"!00000", 0},
+      {"!00000-01-01", 0},
+      {"2999-!00000-01", 0},
+      {"2999-01-!00000", 0},
+      {"000002999-01-01", 0},
+      {"2999-0000001-01", 0},
+      {"2999-01-0000001", 0},
+      {"2999-Septembers-01", 0},
+      {"2999-September-30", 2},
+      {"02999-00001-00001", 2},
+      {"2999-01-01-!000000000", 2},
+      {"2999/Jan/01 "
+       "xxxxxxxxxx",
+       2},
   };
   for (const auto& c : cases) EXPECT_EQ(WakeDateState(c.first, today), c.second) << c.first;
 }

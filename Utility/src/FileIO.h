@@ -34,8 +34,7 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
 // As ReadFile, but the file is opened for reading and writing (never created
 // or truncated), for readers whose rules give no settings to a file this
 // process may not write: such a file reads as kError.
-ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes,
-                            std::string* contents);
+ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes, std::string* contents);
 
 // The size of the regular file at `path`, looked at without blocking (a FIFO
 // or a device is not a regular file). False, `size` untouched, otherwise.

@@ -12,7 +12,8 @@ namespace {
 // Saturating arithmetic: sizes past the limit only need to stay past it.
 std::size_t Add(std::size_t a, std::size_t b) { return std::min(a + b, kMaxExpansion + 1); }
 std::size_t Times(std::size_t a, std::size_t b) {
-  return (a != 0 && b > (kMaxExpansion + 1) / a) ? kMaxExpansion + 1 : std::min(a * b, kMaxExpansion + 1);
+  return (a != 0 && b > (kMaxExpansion + 1) / a) ? kMaxExpansion + 1
+                                                 : std::min(a * b, kMaxExpansion + 1);
 }
 
 // Reads a decimal bound at `*i`; false when there is none or it exceeds
@@ -58,7 +59,8 @@ bool SkipBracket(const std::string& p, std::size_t* pos) {
   if (i < p.size() && p[i] == '^') ++i;
   if (i < p.size() && p[i] == ']') ++i;  // a leading "]" is literal
   for (; i < p.size(); ++i) {
-    if (p[i] == '[' && i + 1 < p.size() && (p[i + 1] == ':' || p[i + 1] == '.' || p[i + 1] == '=')) {
+    if (p[i] == '[' && i + 1 < p.size() &&
+        (p[i + 1] == ':' || p[i + 1] == '.' || p[i + 1] == '=')) {
       const std::string close = std::string(1, p[i + 1]) + "]";
       const std::size_t end = p.find(close, i + 2);
       if (end == std::string::npos) return false;

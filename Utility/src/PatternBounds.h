@@ -10,10 +10,10 @@
 
 namespace PatternBounds {
 
-constexpr std::size_t kMaxLength = 256;     // bytes of the pattern
-constexpr std::size_t kMaxGroupDepth = 4;   // nested "(" groups
-constexpr std::size_t kMaxRepeat = 64;      // each bound of "{m,n}"
-constexpr std::size_t kMaxExpansion = 1024; // atoms after expanding repetitions
+constexpr std::size_t kMaxLength = 256;      // bytes of the pattern
+constexpr std::size_t kMaxGroupDepth = 4;    // nested "(" groups
+constexpr std::size_t kMaxRepeat = 64;       // each bound of "{m,n}"
+constexpr std::size_t kMaxExpansion = 1024;  // atoms after expanding repetitions
 
 // True when the POSIX extended expression `pattern` is within the bounds:
 // at most kMaxLength bytes, no NUL byte, groups nested at most

@@ -29,10 +29,9 @@ std::string::size_type WritableSplit(const std::string& path) {
        slash = path.find('/', slash + 1)) {
     const std::string section = path.substr(0, slash);
     const std::string key = path.substr(slash + 1);
-    const bool section_ok = section.find_first_of("]\n") == std::string::npos &&
-                            Trimmed(section) == section;
-    const bool key_ok = key.find_first_of("=\n") == std::string::npos &&
-                        Trimmed(key) == key &&
+    const bool section_ok =
+        section.find_first_of("]\n") == std::string::npos && Trimmed(section) == section;
+    const bool key_ok = key.find_first_of("=\n") == std::string::npos && Trimmed(key) == key &&
                         (key.empty() || (key[0] != '#' && key[0] != ';' && key[0] != '['));
     if (section_ok && key_ok) return slash;
   }

@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "ExtendedRegex.h"
-#include "PatternBounds.h"
 #include "FileUtil.h"
+#include "PatternBounds.h"
 #include "PlatformPaths.h"
 #include "RuntimePlaces.h"
 #include "SettingsFile.h"

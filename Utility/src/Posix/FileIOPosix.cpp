@@ -146,8 +146,7 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
   return ReadWithFlags(path, O_RDONLY, max_bytes, contents, error_number);
 }
 
-ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes,
-                            std::string* contents) {
+ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes, std::string* contents) {
   return ReadWithFlags(path, O_RDWR, max_bytes, contents, nullptr);
 }
 
@@ -175,8 +174,8 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   if (options.keep_mode) {
     struct stat st;
     // A link that is replaced rather than followed has no mode to keep.
-    const int found = options.follow_link ? ::stat(target.c_str(), &st)
-                                          : ::lstat(target.c_str(), &st);
+    const int found =
+        options.follow_link ? ::stat(target.c_str(), &st) : ::lstat(target.c_str(), &st);
     if (found == 0 && S_ISLNK(st.st_mode)) {
       // the new file takes options.mode
     } else if (found == 0) {

@@ -54,8 +54,12 @@ bool RemoveContentsAt(int dir_fd) {
 }
 
 bool CopyFileContents(const std::string& source, const std::string& destination, mode_t mode) {
-  ScopedFd in(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  if (!in.is_valid()) return false;
+  // Never blocks: a FIFO or device swapped in at the source is refused.
+  ScopedFd in(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  struct stat source_stat;
+  if (!in.is_valid() || ::fstat(in.get(), &source_stat) != 0 || !S_ISREG(source_stat.st_mode)) {
+    return false;
+  }
   ScopedFd out(
       ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!out.is_valid()) return false;

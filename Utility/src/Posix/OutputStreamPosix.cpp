@@ -64,8 +64,8 @@ std::unique_ptr<std::ostream> OpenOutputStream(const std::string& path, bool app
   if (path.empty()) return nullptr;
   // No O_TRUNC here: a FIFO or device must be refused before anything
   // happens to it, so the truncation waits for the check.
-  const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY |
-                    (append ? O_APPEND : 0);
+  const int flags =
+      O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | (append ? O_APPEND : 0);
   ScopedFd fd(::open(path.c_str(), flags, 0644));
   struct stat st;
   if (!fd.is_valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;

@@ -15,6 +15,7 @@
 #include "FileIO.h"
 #include "PlatformPaths.h"
 #include "Posix/PlatformPathsInternal.h"
+#include "Posix/PlistGuards.h"
 #include "Posix/ScopedPlist.h"
 
 namespace Platform {
@@ -157,8 +158,8 @@ bool GetMainBundleIdentifier(std::string* identifier) {
       contents.empty()) {
     return false;
   }
-  plist_t root = nullptr;
-  ::plist_from_memory(contents.data(), static_cast<uint32_t>(contents.size()), &root);
+  // Checked before the library parses it: the bundle may be anyone's.
+  plist_t root = plist_guard::Parse(contents);
   const ScopedPlist owner = AdoptPlist(root);
   if (root == nullptr || ::plist_get_node_type(root) != PLIST_DICT) return false;
   plist_t item = ::plist_dict_get_item(root, "CFBundleIdentifier");

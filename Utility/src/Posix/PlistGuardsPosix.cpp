@@ -1,6 +1,4 @@
 // The property-list guards; see PlistGuards.h.
-#include "Posix/PlistGuards.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -8,6 +6,7 @@
 #include <vector>
 
 #include "PlistTrailer.h"
+#include "Posix/PlistGuards.h"
 #include "Posix/ScopedPlist.h"
 #include "StringUtil.h"
 
