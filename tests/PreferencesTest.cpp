@@ -182,7 +182,8 @@ TEST_F(PreferencesTest, DamagedFilesReadEmptyAndAreReplaced) {
   EXPECT_EQ("kept", Str("k", "other"));
 }
 
-// A domain file written by another tool with a Latin-1 string: the string is
+// A domain file written by another tool with a Latin-1 string (and one
+// holding a NUL byte): the string is
 // repaired at read, and the next write of any key keeps every other key
 // (before, the library wrote the string as an object its own reader rejects,
 // and the replaced file read as an empty domain).
@@ -191,7 +192,9 @@ TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
       "<key>MachineID</key><string>ID-1</string><key>obfuscate</key><integer>0</integer>"
       "<key>city</key><string>\xE9t\xE9</string>"
-      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
+      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict>"
+      "<key>nul</key><string>ab" +
+      std::string(1, '\0') + "cd</string></dict></plist>\n";
   ASSERT_TRUE(testing_support::WriteFile(file_, xml));
   EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
@@ -200,6 +203,7 @@ TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
     EXPECT_EQ(0, Num("obfuscate"));
     EXPECT_EQ(1, Num("send"));
     EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
+    EXPECT_EQ("ab", Str("nul"));  // a NUL ends the text (the library aborted on it)
     Pairs pairs;
     EXPECT_TRUE(GetPreferenceDictionaryPairs("d", kDomain, &pairs, kMe, kAny));
     EXPECT_EQ((Pairs{{"k\xC3\xBF", "v\xC3\xBF"}}), pairs);

@@ -18,8 +18,9 @@ namespace plist_guard {
 plist_t Parse(const std::string& data);
 
 // Replaces every string value and dictionary key of the tree that is not
-// valid UTF-8 by StringUtil::RepairUTF8 of it. A repaired key that collides
-// with an existing key of the same dictionary gives way to it.
+// valid UTF-8 by StringUtil::RepairUTF8 of it; a string value holding a NUL
+// byte is cut there first. A repaired key that collides with an existing
+// key of the same dictionary gives way to it.
 void RepairStrings(plist_t node);
 
 // True when both trees hold the same kinds, keys and values.

@@ -48,11 +48,16 @@ plist_t Parse(const std::string& data) {
 void RepairStrings(plist_t node) {
   switch (plist_get_node_type(node)) {
     case PLIST_STRING: {
-      char* value = nullptr;
-      plist_get_string_val(node, &value);
-      const ScopedChars owned(value, &std::free);
-      if (value != nullptr && !StringUtil::IsValidUTF8(value, std::strlen(value))) {
-        plist_set_string_val(node, StringUtil::RepairUTF8(value).c_str());
+      // By pointer and length: the copying getter asserts (aborts) on a
+      // string that holds a NUL byte, which an XML or binary file can carry.
+      uint64_t length = 0;
+      const char* value = plist_get_string_ptr(node, &length);
+      if (value == nullptr) break;
+      std::string text(value, static_cast<std::size_t>(length));
+      const bool has_nul = text.find('\0') != std::string::npos;
+      text.resize(std::strlen(text.c_str()));  // a NUL ends the text, as at every boundary
+      if (has_nul || !StringUtil::IsValidUTF8(text)) {
+        plist_set_string_val(node, StringUtil::RepairUTF8(text).c_str());
       }
       break;
     }
