@@ -24,18 +24,22 @@ class FdOutputBuffer : public std::streambuf {
   }
   FdOutputBuffer(const FdOutputBuffer&) = delete;
   FdOutputBuffer& operator=(const FdOutputBuffer&) = delete;
-  ~FdOutputBuffer() override { sync(); }
+  ~FdOutputBuffer() override { Flush(); }
 
  protected:
   int_type overflow(int_type ch) override {
-    if (sync() != 0) return traits_type::eof();
+    if (Flush() != 0) return traits_type::eof();
     if (traits_type::eq_int_type(ch, traits_type::eof())) return traits_type::not_eof(ch);
     *pptr() = traits_type::to_char_type(ch);
     pbump(1);
     return ch;
   }
 
-  int sync() override {
+  int sync() override { return Flush(); }
+
+ private:
+  // Not virtual, so the destructor can call it.
+  int Flush() {
     const auto pending = static_cast<std::size_t>(pptr() - pbase());
     if (pending == 0) return 0;
     const bool written = posix_io::WriteAll(fd_.get(), pbase(), pending);
@@ -43,7 +47,6 @@ class FdOutputBuffer : public std::streambuf {
     return written ? 0 : -1;
   }
 
- private:
   ScopedFd fd_;
   std::array<char, 4096> buffer_{};
 };
