@@ -286,6 +286,62 @@ TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
   EXPECT_EQ(1u, fields.object_count);
 }
 
+// A chain of `depth` arrays, each holding the next (the last one empty),
+// as a binary list with 4-byte offsets and references. `loop` makes the
+// last array hold the first instead.
+std::string NestedArrays(std::uint32_t depth, bool loop = false) {
+  const auto be = [](std::uint64_t value, int width) {
+    std::string out;
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+      out += static_cast<char>(value >> shift);
+    return out;
+  };
+  std::string bytes = "bplist00";
+  std::string table;
+  for (std::uint32_t i = 0; i < depth; ++i) {
+    table += be(bytes.size(), 4);
+    const bool last = i + 1 == depth;
+    bytes += (last && !loop) ? std::string(1, '\xA0') : '\xA1' + be(last ? 0 : i + 1, 4);
+  }
+  const std::size_t table_offset = bytes.size();
+  return bytes + table + std::string(6, '\0') + '\x04' + '\x04' + be(depth, 8) + be(0, 8) +
+         be(table_offset, 8);
+}
+
+// Nesting is bounded before the library (which recurses) sees a file, and
+// so are loops and counts that run past the objects.
+TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
+  const std::uint32_t limit = PlistTrailer::kMaxDepth;
+  std::string overrun = NestedArrays(2);
+  overrun[8] = '\xA5';  // five references where the object area holds one
+  const std::pair<std::string, bool> cases[] = {
+      {NestedArrays(1), true},
+      {NestedArrays(limit), true},
+      {NestedArrays(limit + 1), false},
+      {NestedArrays(3, true), false},
+      {overrun, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.second, PlistTrailer::IsWithinBounds(c.first.data(), c.first.size()))
+        << c.first.size();
+  }
+}
+
+TEST_F(PreferencesTest, DeeplyNestedFilesReadEmptyWithoutCrashing) {
+  std::string xml = "<plist><dict><key>k</key>";
+  for (int i = 0; i < 100000; ++i) xml += "<array>";
+  for (int i = 0; i < 100000; ++i) xml += "</array>";
+  xml += "</dict></plist>";
+  for (const std::string& bytes : {xml, NestedArrays(200000)}) {
+    ASSERT_TRUE(testing_support::WriteFile(file_, bytes));
+    Names keys = {"stale"};
+    EXPECT_TRUE(GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
+    EXPECT_EQ(Names{}, keys);
+    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
+    EXPECT_EQ(1, Num("n"));
+  }
+}
+
 // The write guard: a tree that the library would write as bytes its own
 // reader does not give back (a string that is not UTF-8) is refused; the
 // same tree once repaired is written, and reads back the same.

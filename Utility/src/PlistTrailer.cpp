@@ -2,6 +2,8 @@
 #include "PlistTrailer.h"
 
 #include <cstring>
+#include <utility>
+#include <vector>
 
 namespace PlistTrailer {
 namespace {
@@ -49,6 +51,58 @@ bool IsSound(const char* data, std::size_t size, Fields* fields) {
     if (offset < kMagicSize || offset >= f.table_offset) return false;
   }
   if (fields != nullptr) *fields = f;
+  return true;
+}
+
+namespace {
+
+// Reads the element count of the container whose marker is at `pos` (the
+// low nibble, or an integer object after it when the nibble is 15) and
+// leaves `pos` on the first reference. False when it leaves `end`.
+bool ReadCount(const unsigned char* bytes, std::uint64_t end, std::uint64_t* pos,
+               std::uint64_t* count) {
+  const unsigned low = bytes[*pos] & 0x0F;
+  ++*pos;
+  if (low != 0x0F) {
+    *count = low;
+    return true;
+  }
+  if (*pos >= end || (bytes[*pos] & 0xF0) != 0x10) return false;
+  const unsigned width = 1u << (bytes[*pos] & 0x0F);
+  ++*pos;
+  if (width > 8 || end - *pos < width) return false;
+  *count = BigEndian(bytes + *pos, width);
+  *pos += width;
+  return true;
+}
+
+}  // namespace
+
+bool IsWithinBounds(const char* data, std::size_t size) {
+  Fields f;
+  if (!IsSound(data, size, &f)) return false;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+  const unsigned char* table = bytes + f.table_offset;
+  std::vector<std::pair<std::uint64_t, std::size_t>> pending = {{f.top_object, 0}};
+  std::size_t visits = 0;
+  while (!pending.empty()) {
+    const auto [index, depth] = pending.back();
+    pending.pop_back();
+    if (++visits > kMaxVisits) return false;
+    std::uint64_t pos = BigEndian(table + index * f.offset_size, f.offset_size);
+    const unsigned type = bytes[pos] >> 4;
+    if (type != 0x0A && type != 0x0C && type != 0x0D) continue;  // not a container
+    if (depth >= kMaxDepth) return false;
+    std::uint64_t count = 0;
+    if (!ReadCount(bytes, f.table_offset, &pos, &count)) return false;
+    const std::uint64_t refs = type == 0x0D ? 2 : 1;  // a dictionary: keys, then values
+    if (count > (f.table_offset - pos) / f.ref_size / refs) return false;
+    for (std::uint64_t i = 0; i < count * refs; ++i) {
+      const std::uint64_t child = BigEndian(bytes + pos + i * f.ref_size, f.ref_size);
+      if (child >= f.object_count) return false;
+      pending.emplace_back(child, depth + 1);
+    }
+  }
   return true;
 }
 

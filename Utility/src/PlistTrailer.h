@@ -1,7 +1,8 @@
 // The sanity check of a binary property list's trailer, made before the
 // bytes reach the property-list library: the library computes positions from
-// the untrusted trailer before it range-checks them, so a file written by
-// another program must pass here first. Pure byte arithmetic, overflow-safe.
+// the untrusted trailer before it range-checks them, and it recurses without
+// limit into nested containers, so a file written by another program must
+// pass here first. Pure byte arithmetic, overflow-safe.
 #ifndef LUMETRY_UTILITY_PLISTTRAILER_H_
 #define LUMETRY_UTILITY_PLISTTRAILER_H_
 
@@ -29,6 +30,20 @@ bool IsBinary(const char* data, std::size_t size);
 // offset in it pointing between the header and the table. `fields`, when
 // given, receives the trailer on success. False for anything else.
 bool IsSound(const char* data, std::size_t size, Fields* fields = nullptr);
+
+// Containers nested deeper than this are refused: the library parses,
+// copies and frees trees recursively, and a deep file overflows its stack.
+constexpr std::size_t kMaxDepth = 128;
+// Objects visited while walking the tree from its top object; a file that
+// shares objects (or loops) so much that the walk exceeds it is refused, as
+// the library would copy every shared object at each use.
+constexpr std::size_t kMaxVisits = 1 << 20;
+
+// True when `data` passes IsSound and the object tree under the top object,
+// walked through every array, set and dictionary reference, nests at most
+// kMaxDepth deep within kMaxVisits visits, every container's header and
+// references lying inside the object area and naming existing objects.
+bool IsWithinBounds(const char* data, std::size_t size);
 
 }  // namespace PlistTrailer
 

@@ -14,7 +14,8 @@
 namespace plist_guard {
 
 // The tree held in `data` (XML or binary form), caller-owned; null when the
-// bytes do not parse or a binary trailer is unsound.
+// bytes do not parse, a binary file fails PlistTrailer::IsWithinBounds, or
+// the elements of an XML file nest deeper than PlistTrailer::kMaxDepth.
 plist_t Parse(const std::string& data);
 
 // Replaces every string value and dictionary key of the tree that is not

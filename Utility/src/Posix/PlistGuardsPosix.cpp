@@ -32,12 +32,33 @@ std::vector<std::pair<std::string, plist_t>> Items(plist_t dict) {
   return items;
 }
 
+// True when the elements of an XML text nest at most PlistTrailer::kMaxDepth
+// deep. Counted over the raw tags (comments and the like may make it count
+// more, never less): "<name", "</name" and "<name/>".
+bool XmlNestingBounded(const std::string& text) {
+  std::size_t depth = 0;
+  for (std::string::size_type at = text.find('<'); at != std::string::npos;
+       at = text.find('<', at + 1)) {
+    if (at + 1 >= text.size()) break;
+    const char next = text[at + 1];
+    if (next == '/') {
+      if (depth > 0) --depth;
+    } else if (next != '!' && next != '?') {
+      const std::string::size_type close = text.find('>', at);
+      if (close == std::string::npos) break;
+      if (text[close - 1] != '/' && ++depth > PlistTrailer::kMaxDepth) return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 plist_t Parse(const std::string& data) {
   if (data.empty() || data.size() > UINT32_MAX) return nullptr;
-  if (PlistTrailer::IsBinary(data.data(), data.size()) &&
-      !PlistTrailer::IsSound(data.data(), data.size())) {
+  if (PlistTrailer::IsBinary(data.data(), data.size())) {
+    if (!PlistTrailer::IsWithinBounds(data.data(), data.size())) return nullptr;
+  } else if (!XmlNestingBounded(data)) {
     return nullptr;
   }
   plist_t root = nullptr;
