@@ -173,17 +173,15 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   auto mode = static_cast<mode_t>(options.mode & 07777);
   if (options.keep_mode) {
     struct stat st;
-    // A link that is replaced rather than followed has no mode to keep.
     const int found =
         options.follow_link ? ::stat(target.c_str(), &st) : ::lstat(target.c_str(), &st);
-    if (found == 0 && S_ISLNK(st.st_mode)) {
-      // the new file takes options.mode
-    } else if (found == 0) {
+    if (found != 0 && errno != ENOENT) return false;
+    // A link that is replaced rather than followed has no mode to keep: the
+    // new file takes options.mode.
+    if (found == 0 && !S_ISLNK(st.st_mode)) {
       // Refuse what an open for writing would refuse.
       if (S_ISDIR(st.st_mode) || ::access(target.c_str(), W_OK) != 0) return false;
       mode = st.st_mode & 07777;
-    } else if (errno != ENOENT) {
-      return false;
     }
   }
 
