@@ -182,8 +182,7 @@ TEST_F(PreferencesTest, DamagedFilesReadEmptyAndAreReplaced) {
   EXPECT_EQ("kept", Str("k", "other"));
 }
 
-// A domain file written by another tool with a Latin-1 string (and one
-// holding a NUL byte): the string is
+// A domain file written by another tool with a Latin-1 string: the string is
 // repaired at read, and the next write of any key keeps every other key
 // (before, the library wrote the string as an object its own reader rejects,
 // and the replaced file read as an empty domain).
@@ -192,9 +191,7 @@ TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
       "<key>MachineID</key><string>ID-1</string><key>obfuscate</key><integer>0</integer>"
       "<key>city</key><string>\xE9t\xE9</string>"
-      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict>"
-      "<key>nul</key><string>ab" +
-      std::string(1, '\0') + "cd</string></dict></plist>\n";
+      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
   ASSERT_TRUE(testing_support::WriteFile(file_, xml));
   EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
@@ -203,7 +200,6 @@ TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
     EXPECT_EQ(0, Num("obfuscate"));
     EXPECT_EQ(1, Num("send"));
     EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
-    EXPECT_EQ("ab", Str("nul"));  // a NUL ends the text (the library aborted on it)
     Pairs pairs;
     EXPECT_TRUE(GetPreferenceDictionaryPairs("d", kDomain, &pairs, kMe, kAny));
     EXPECT_EQ((Pairs{{"k\xC3\xBF", "v\xC3\xBF"}}), pairs);
@@ -339,6 +335,49 @@ TEST_F(PreferencesTest, DeeplyNestedFilesReadEmptyWithoutCrashing) {
     EXPECT_EQ(Names{}, keys);
     ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
     EXPECT_EQ(1, Num("n"));
+  }
+}
+
+// NUL characters, on which the library aborts when it copies a string or a
+// key: a binary string value is cut at its NUL; a binary key holding one, or
+// an XML file holding one (raw or as a reference), reads as an empty domain.
+TEST_F(PreferencesTest, NulCharactersNeverReachTheLibrarysCopies) {
+  // {key: value} with 1-byte offsets and references; key and value are
+  // ASCII string objects.
+  const auto binary = [](const std::string& key, const std::string& value) {
+    std::string bytes = "bplist00\xD1\x01\x02";
+    const std::size_t key_at = bytes.size();
+    bytes += static_cast<char>(0x50 + key.size()) + key;
+    const std::size_t value_at = bytes.size();
+    bytes += static_cast<char>(0x50 + value.size()) + value;
+    const std::size_t table = bytes.size();
+    bytes += std::string(1, '\x08') + static_cast<char>(key_at) + static_cast<char>(value_at);
+    bytes += std::string(6, '\0') + "\x01\x01";
+    for (const std::size_t field : {std::size_t{3}, std::size_t{0}, table}) {
+      bytes += std::string(7, '\0') + static_cast<char>(field);
+    }
+    return bytes;
+  };
+  const std::string nul(1, '\0');
+  const struct Case {
+    std::string file;
+    const char* key;
+    const char* value;
+  } cases[] = {
+      {binary("k", "ab"), "k", "ab"},
+      {binary("k", "ab" + nul + "cd"), "k", "ab"},
+      {binary("k" + nul, "v"), "k", "<none>"},
+      {"<plist><dict><key>k</key><string>ab" + nul + "cd</string></dict></plist>", "k", "<none>"},
+      {"<plist><dict><key>k&#0;</key><string>v</string></dict></plist>", "k", "<none>"},
+      {"<plist><dict><key>k&#x000;</key><string>v</string></dict></plist>", "k", "<none>"},
+  };
+  for (const Case& c : cases) {
+    ASSERT_TRUE(testing_support::WriteFile(file_, c.file));
+    Names keys;
+    EXPECT_TRUE(GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
+    EXPECT_EQ(c.value, Str(c.key)) << c.file.size();
+    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
+    EXPECT_EQ(c.value, Str(c.key)) << c.file.size();
   }
 }
 

@@ -76,6 +76,22 @@ bool ReadCount(const unsigned char* bytes, std::uint64_t end, std::uint64_t* pos
   return true;
 }
 
+// True when the object at `pos` is an ASCII (0x5) or UTF-16 (0x6) string
+// that holds a NUL character. The library aborts on a dictionary key like
+// that when it is asked for the key's text.
+bool IsStringWithNul(const unsigned char* bytes, std::uint64_t end, std::uint64_t pos) {
+  const unsigned type = bytes[pos] >> 4;
+  if (type != 0x5 && type != 0x6) return false;
+  std::uint64_t count = 0;
+  if (!ReadCount(bytes, end, &pos, &count)) return false;  // the library refuses it
+  const unsigned width = type == 0x5 ? 1 : 2;
+  if (count > (end - pos) / width) return false;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    if (bytes[pos + i * width] == 0 && (width == 1 || bytes[pos + i * width + 1] == 0)) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool IsWithinBounds(const char* data, std::size_t size) {
@@ -100,6 +116,11 @@ bool IsWithinBounds(const char* data, std::size_t size) {
     for (std::uint64_t i = 0; i < count * refs; ++i) {
       const std::uint64_t child = BigEndian(bytes + pos + i * f.ref_size, f.ref_size);
       if (child >= f.object_count) return false;
+      if (type == 0x0D && i < count &&
+          IsStringWithNul(bytes, f.table_offset,
+                          BigEndian(table + child * f.offset_size, f.offset_size))) {
+        return false;
+      }
       pending.emplace_back(child, depth + 1);
     }
   }

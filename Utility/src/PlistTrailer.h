@@ -42,7 +42,8 @@ constexpr std::size_t kMaxVisits = 1 << 20;
 // True when `data` passes IsSound and the object tree under the top object,
 // walked through every array, set and dictionary reference, nests at most
 // kMaxDepth deep within kMaxVisits visits, every container's header and
-// references lying inside the object area and naming existing objects.
+// references lying inside the object area and naming existing objects, and
+// no dictionary key being a string that holds a NUL character.
 bool IsWithinBounds(const char* data, std::size_t size);
 
 }  // namespace PlistTrailer

@@ -15,7 +15,8 @@ namespace plist_guard {
 
 // The tree held in `data` (XML or binary form), caller-owned; null when the
 // bytes do not parse, a binary file fails PlistTrailer::IsWithinBounds, or
-// the elements of an XML file nest deeper than PlistTrailer::kMaxDepth.
+// the elements of an XML file nest deeper than PlistTrailer::kMaxDepth or
+// it holds a NUL character (raw or as "&#0;").
 plist_t Parse(const std::string& data);
 
 // Replaces every string value and dictionary key of the tree that is not

@@ -33,9 +33,20 @@ std::vector<std::pair<std::string, plist_t>> Items(plist_t dict) {
 }
 
 // True when the elements of an XML text nest at most PlistTrailer::kMaxDepth
-// deep. Counted over the raw tags (comments and the like may make it count
-// more, never less): "<name", "</name" and "<name/>".
+// deep and it holds no NUL character. Counted over the raw tags (comments and the like may make it
+// count more, never less): "<name", "</name" and "<name/>".
 bool XmlNestingBounded(const std::string& text) {
+  // No NUL character either, raw or as a reference: the library aborts on a
+  // dictionary key holding one, and XML allows none.
+  if (text.find('\0') != std::string::npos) return false;
+  for (std::string::size_type at = text.find("&#"); at != std::string::npos;
+       at = text.find("&#", at + 2)) {
+    std::string::size_type digit = at + 2;
+    const bool hex = digit < text.size() && (text[digit] == 'x' || text[digit] == 'X');
+    if (hex) ++digit;
+    while (digit < text.size() && text[digit] == '0') ++digit;
+    if (digit > at + 2 + (hex ? 1 : 0) && digit < text.size() && text[digit] == ';') return false;
+  }
   std::size_t depth = 0;
   for (std::string::size_type at = text.find('<'); at != std::string::npos;
        at = text.find('<', at + 1)) {
