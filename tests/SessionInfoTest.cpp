@@ -1,5 +1,5 @@
-// Session-information names: matching, decoding and the per-name decisions
-// of the crash run, called in-process under a temporary HOME.
+// Session-information names: matching, decoding and the refusals
+// the crash run cannot reach, called in-process under a temporary HOME.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,11 +10,9 @@
 #include "TestSupport.h"
 
 using CrashProcessor::CreateCrashLogs;
-using CrashProcessor::DeleteSessionFiles;
 using CrashProcessor::FindSessionInfoFiles;
 using CrashProcessor::ParseSessionInfoName;
 using CrashProcessor::SessionInfoRecord;
-using testing_support::ListNames;
 using testing_support::ScopedHome;
 using testing_support::WriteFile;
 
@@ -77,14 +75,9 @@ TEST_F(SessionFilesTest, FindsNamesHoldingBothSubstrings) {
             (std::vector<std::string>{".hidden_Prod_1234", "1234_Fam_Name_S1_K1_x_y_Prod.info"}));
 }
 
-TEST_F(SessionFilesTest, CreatingAndDeletingRefuseEmptyInputs) {
+TEST_F(SessionFilesTest, CreateCrashLogsRefusesEmptyInputs) {
   EXPECT_FALSE(CreateCrashLogs("", "Prod", {"1_F_N_S_K_x_y_Prod"}, true));
   EXPECT_FALSE(CreateCrashLogs(LogDir(), "Prod", {}, true));
-  Plant("a");
-  Plant("keep");
-  EXPECT_FALSE(DeleteSessionFiles("", {"a"}));
-  EXPECT_TRUE(DeleteSessionFiles(SessionDir(), {"a", "missing"}));
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"keep"});
 }
 
 }  // namespace

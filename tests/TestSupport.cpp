@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -132,6 +133,18 @@ std::string CrashDocument(const std::string& id, const std::string& crashFamily,
   return doc;
 }
 
+bool WritePlist(const std::string& path, const std::string& json, bool binary) {
+  const char* script =
+      "import json, plistlib, sys; plistlib.dump(json.loads(sys.argv[2]), open(sys.argv[1], 'wb'), "
+      "fmt=getattr(plistlib, sys.argv[3]))";
+  const RunResult run = MakeDirs(std::filesystem::path(path).parent_path().string())
+                            ? RunProgram({"/usr/bin/python3", "-c", script, path, json,
+                                          binary ? "FMT_BINARY" : "FMT_XML"})
+                            : RunResult{};
+  if (run.status != 0) ADD_FAILURE() << path << ": " << run.err;
+  return run.status == 0;
+}
+
 std::string MaskTimes(const std::string& text) {
   static const std::regex kStamp(R"(time="\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")");
   return std::regex_replace(text, kStamp, "time=\"T\"");
@@ -152,7 +165,8 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
   const auto name = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
   std::vector<std::string> environment = env;
   for (char** e = environ; *e != nullptr; ++e) {
-    if (std::none_of(env.begin(), env.end(), [&](const std::string& o) { return name(o) == name(*e); }))
+    if (std::none_of(env.begin(), env.end(),
+                     [&](const std::string& o) { return name(o) == name(*e); }))
       environment.push_back(*e);
   }
   const auto pointers = [](const std::vector<std::string>& strings) {
