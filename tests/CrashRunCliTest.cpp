@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "Preferences.h"
 #include "TestSupport.h"
 
+using testing_support::Contents;
 using testing_support::CrashDocument;
 using testing_support::ListNames;
 using testing_support::MakeDirs;
@@ -64,8 +66,7 @@ class CrashRunTest : public ::testing::Test {
   // The decoded, time-masked document of a log file; fails the test when the
   // scrambled form lacks its marker.
   std::string Decoded(const std::string& fileName) {
-    std::string bytes;
-    EXPECT_TRUE(ReadFile(LogDir() + fileName, &bytes)) << fileName;
+    std::string bytes = Contents(LogDir() + fileName);
     if (fileName.size() > 4 && fileName.substr(fileName.size() - 4) == ".rdy") {
       EXPECT_EQ(bytes.substr(0, 20), kMarker);
       bytes = Rot47(bytes.substr(std::min<size_t>(20, bytes.size())));
@@ -175,8 +176,7 @@ TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
 
   EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
-  std::string bytes;
-  ASSERT_TRUE(ReadFile(file, &bytes));
+  const std::string bytes = Contents(file);
   ASSERT_EQ(bytes.size(), 2000 + tail.size());
   const std::string doc = CrashDocument("S1", "Fam", "Name", MachineId());
   const size_t written = bytes.find("</UsageDoc>\n") + std::string("</UsageDoc>\n").size();
@@ -251,11 +251,8 @@ TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
 // it, keeps a diagnostic log of the session writer's steps.
 TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   ScopedTempDir appDir;
-  std::string binary;
-  ASSERT_TRUE(ReadFile(CRASH_PROCESSOR_PATH, &binary));
   const std::string program = appDir.Sub("crash-processor");
-  ASSERT_TRUE(WriteFile(program, binary));
-  ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+  ASSERT_TRUE(std::filesystem::copy_file(CRASH_PROCESSOR_PATH, program));  // with its modes
   ASSERT_TRUE(WriteFile(appDir.Sub("VxLog.config"), "append=1\n"));
 
   Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");  // log directory missing
@@ -264,8 +261,8 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   Plant("1234_Fam_Name_S2_K2_x_y_Prod.info");
   EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
 
-  std::string log;
-  ASSERT_TRUE(ReadFile(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &log));
+  const std::string log =
+      Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
   static const std::regex kLine(
       R"(\[DEBUG\] \| PID:\d+ \| TIME:\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ \| VALUE:(.*) \| DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
   std::string expected;

@@ -79,9 +79,7 @@ TEST(LoggerInstance, WithoutConfigNothingIsCreatedOrPrinted) {
     Logger::Instance("LogSession").Warning("v", "d");
     return &first == &Logger::Instance("LogSession") && !PathExists(box.log) ? 0 : 3;
   }));
-  std::string printed;
-  ASSERT_TRUE(ReadFile(out, &printed));
-  EXPECT_EQ("", printed);
+  EXPECT_EQ("", Contents(out));
 }
 
 TEST(LoggerInstance, EmptyConfigTruncatesAndWritesOneLinePerCall) {

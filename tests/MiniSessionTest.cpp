@@ -32,11 +32,11 @@ TEST(MiniSession, WritesThePlainDocumentBelowADirectoryWithATrailingSeparator) {
   MiniSession session = MakeSession(dir.path() + "/", false);
   EXPECT_EQ(0, session.CreateCrashFile("MACHINE", "HostFamily", "Host & Co"));
   ASSERT_EQ(std::vector<std::string>{kName + ".xml"}, ListNames(dir.path()));
-  std::string path = dir.Sub(kName + ".xml"), contents;
+  const std::string path = dir.Sub(kName + ".xml");
   EXPECT_EQ(path, session.path());
-  ASSERT_TRUE(ReadFile(path, &contents));
   EXPECT_EQ(0600, FileMode(path));
-  EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "MACHINE"), MaskTimes(contents));
+  EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "MACHINE"),
+            MaskTimes(Contents(path)));
 }
 
 TEST(MiniSession, ScramblesEveryByteAndWritesBytesAsTheyAre) {
@@ -53,9 +53,8 @@ TEST(MiniSession, ScramblesEveryByteAndWritesBytesAsTheyAre) {
   EXPECT_EQ(-2, MakeSession(dir.Sub("absent"), true).Write("x"));
   EXPECT_EQ(0, session.Write("ab\xff"));
   EXPECT_EQ(0, session.Write("c"));
-  std::string contents;
-  ASSERT_TRUE(ReadFile(dir.Sub(kName + ".rdy"), &contents));
-  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xff" + "4", contents);
+  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xff" + "4",
+            Contents(dir.Sub(kName + ".rdy")));
 }
 
 // The logger is settled once per process, so the sessions run in a fresh copy
@@ -81,9 +80,9 @@ TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
                              {"HOME=" + home, "MINISESSION_ROOT=" + box.path()});
   ::close(holder);
   ASSERT_EQ(0, run.status) << run.out << run.err;
-  std::string text;
   // Neither the locked file nor the link's target is written.
-  EXPECT_TRUE(ReadFile(held, &text) && text == "keep" && ReadFile(target, &text) && text == "keep");
+  EXPECT_EQ(Contents(held), "keep");
+  EXPECT_EQ(Contents(target), "keep");
 
   std::string expected;
   const auto trace = [&](int line, const std::string& value) {
@@ -102,7 +101,7 @@ TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
   trace(176, "MiniSession::Write: " + box.Sub("logs/") + kName + ".rdy");
   trace(156, "MiniSession::Write");
   for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
-  ASSERT_TRUE(ReadFile(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &text));
+  const std::string text = Contents(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
   const std::regex format(R"(\[DEBUG\] \| PID:\d+ \| TIME:\S+ \| VALUE:(.*) \| )"
                           R"(DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
   EXPECT_EQ(expected, std::regex_replace(text, format, "$2 $1"));

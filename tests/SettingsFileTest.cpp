@@ -45,9 +45,8 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   SettingsFile s;
   s.LoadText("# comment\n[Z]\nb = 2\na=1\n\n[]\nk=v\n[m]\nurl= x ");
   s.SetValue("m", "pad", " p ");
-  std::string text;
-  ASSERT_TRUE(s.Save(path) == 0 && ts::ReadFile(path, &text));
-  EXPECT_EQ(text, "[]\nk=v\n[m]\npad= p \nurl=x\n[z]\na=1\nb=2\n");
+  ASSERT_EQ(s.Save(path), 0);
+  EXPECT_EQ(ts::Contents(path), "[]\nk=v\n[m]\npad= p \nurl=x\n[z]\na=1\nb=2\n");
   EXPECT_EQ(ts::FileMode(path), 0644);
   ASSERT_EQ(s.Load(path), 0);
   EXPECT_EQ(ts::DumpSettings(s), "/k=v;m/pad=p;m/url=x;z/a=1;z/b=2");
@@ -69,8 +68,7 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
-  ASSERT_TRUE(ts::ReadFile(path, &text));
-  EXPECT_EQ(text, "[a]\nb=new\n");
+  EXPECT_EQ(ts::Contents(path), "[a]\nb=new\n");
   EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"a.cfg", "ro"}));
 }
 

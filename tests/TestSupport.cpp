@@ -65,6 +65,11 @@ bool ReadFile(const std::string& path, std::string* contents) {
   return true;
 }
 
+std::string Contents(const std::string& path) {
+  std::string text;
+  return ReadFile(path, &text) ? text : "<unreadable " + path + ">";
+}
+
 bool MakeDirs(const std::string& path) {
   std::error_code error;
   std::filesystem::create_directories(path, error);

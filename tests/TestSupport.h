@@ -67,6 +67,8 @@ class ScopedHome {
 };
 
 bool ReadFile(const std::string& path, std::string* contents);
+// The whole file, or "<unreadable PATH>", which no test expects.
+std::string Contents(const std::string& path);
 // Creates missing parent directories; false on any failure.
 bool WriteFile(const std::string& path, const std::string& contents);
 bool MakeDirs(const std::string& path);

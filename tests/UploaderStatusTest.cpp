@@ -62,9 +62,7 @@ TEST(UploaderStatusTest, EvaluateSavesTransitions) {
     S status = S::Kill;
     EXPECT_EQ(Uploader::EvaluateUploaderStatus("App", "2", path, "ulog", &status), 0);
     EXPECT_EQ(status, expected) << before;
-    std::string saved;
-    ASSERT_TRUE(testing_support::ReadFile(path, &saved));
-    EXPECT_EQ(saved, after == "=" ? before : after) << before;
+    EXPECT_EQ(testing_support::Contents(path), after == "=" ? before : after) << before;
   }
   S status = S::Kill;  // null outputs and empty paths change nothing
   EXPECT_EQ(Uploader::EvaluateUploaderStatus("a", "b", dir.Sub("x.cfg"), "ulog", nullptr) +
