@@ -1,3 +1,4 @@
+// UsageDoc: attribute escaping and the UTC time stamps of usage documents.
 #include <gtest/gtest.h>
 
 #include <string>
