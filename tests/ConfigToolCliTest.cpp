@@ -29,9 +29,7 @@ TEST(ConfigToolCliTest, ShowsGivenFileWithoutChangingIt) {
                          "/GetConfig/\ntarvixUrl: " + url +
                          "/GetTarvix/\nstatus: Active\n"
                          "hibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n");
-  std::string after;
-  ASSERT_TRUE(ts::ReadFile(path, &after));
-  EXPECT_EQ(after, original);
+  EXPECT_EQ(ts::Contents(path), original);
 
   // Without --file the user's copy is found, here created.
   const auto made = ts::RunProgram({kTool}, {"HOME=" + dir.path()});

@@ -14,7 +14,8 @@ namespace {
 
 const std::string kTool = std::string(TOOLS_DIR) + "/ulog-decode";
 const std::string kMarker = "K-Q$mw#$zRTd8pofupin";
-const std::string kDoc = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n";
+const std::string kDoc =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n";
 // kDoc under ROT47, written out by hand so the test does not share the
 // tool's own code.
 const std::string kScrambledDoc =
@@ -35,16 +36,14 @@ TEST(DecodeTool, RefusesBadFilesWithOneLineEach) {
   ASSERT_TRUE(WriteFile(dir.Sub("wrong.rdy"), "K-Q$mw#$zRTd8pofupiX" + kScrambledDoc));
   ASSERT_TRUE(WriteFile(dir.Sub("short.rdy"), "K-Q$"));
   ASSERT_TRUE(WriteFile(dir.Sub("good.xml"), kDoc));
-  const struct {
-    std::string file;
-  } bad[] = {{dir.Sub("wrong.rdy")}, {dir.Sub("short.rdy")}, {dir.Sub("missing.rdy")}, {dir.path()}};
-  for (const auto& c : bad) {
-    SCOPED_TRACE(c.file);
-    const RunResult r = RunProgram({kTool, c.file, dir.Sub("good.xml")});
+  for (const std::string& file :
+       {dir.Sub("wrong.rdy"), dir.Sub("short.rdy"), dir.Sub("missing.rdy"), dir.path()}) {
+    SCOPED_TRACE(file);
+    const RunResult r = RunProgram({kTool, file, dir.Sub("good.xml")});
     EXPECT_NE(r.status, 0);
     // The good file after the bad one is still printed.
     EXPECT_EQ(r.out, kDoc);
-    EXPECT_EQ(r.err.find("ulog-decode: " + c.file + ": "), 0u) << r.err;
+    EXPECT_EQ(r.err.find("ulog-decode: " + file + ": "), 0u) << r.err;
     EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
   }
 }

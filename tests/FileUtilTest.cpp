@@ -19,12 +19,6 @@ using namespace testing_support;
 using Strings = std::vector<std::string>;
 using Table = std::vector<std::pair<std::string, std::string>>;
 
-std::string Read(const std::string& path) {
-  std::string text = "<unreadable>";
-  ReadFile(path, &text);
-  return text;
-}
-
 void Touch(const ScopedTempDir& dir, const Strings& names) {
   for (const std::string& name : names) ASSERT_TRUE(WriteFile(dir.Sub(name), name)) << name;
 }
@@ -72,7 +66,7 @@ TEST(FileUtilRemove, MissingSucceedsAndLinksAreNotFollowed) {
   ASSERT_EQ(0, ::symlink("nowhere", tmp.Sub("dangling").c_str()));
   EXPECT_TRUE(FileUtil::Remove(tmp.Sub("tree")) && FileUtil::RemoveFile(tmp.Sub("dangling")));
   EXPECT_EQ((Strings{"outside"}), ListNames(tmp.path()));
-  EXPECT_EQ("outside/keep", Read(tmp.Sub("outside/keep")));
+  EXPECT_EQ("outside/keep", Contents(tmp.Sub("outside/keep")));
 }
 
 TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
@@ -81,19 +75,19 @@ TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
   ASSERT_EQ(0, ::chmod(tmp.Sub("src/sub/b").c_str(), 0640));
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("dst")));
   EXPECT_EQ((Strings{"a", "sub"}), ListNames(tmp.Sub("dst")));
-  EXPECT_EQ("src/sub/b", Read(tmp.Sub("dst/sub/b")));
+  EXPECT_EQ("src/sub/b", Contents(tmp.Sub("dst/sub/b")));
   EXPECT_EQ(0640, FileMode(tmp.Sub("dst/sub/b")));
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src/a"), tmp.Sub("file")));
-  EXPECT_EQ("src/a", Read(tmp.Sub("file")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("file")));
 
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("missing"), tmp.Sub("file")));
   EXPECT_FALSE(FileUtil::Copy("", tmp.Sub("file")));
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("file"), tmp.Sub("file")));  // would destroy the source
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("src/sub/inside")));  // into itself
-  EXPECT_EQ("src/a", Read(tmp.Sub("file")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("file")));
   EXPECT_TRUE(FileUtil::Move(tmp.Sub("file"), tmp.Sub("dst/sub")));
   EXPECT_EQ((Strings{"dst", "src"}), ListNames(tmp.path()));
-  EXPECT_EQ("src/a", Read(tmp.Sub("dst/sub")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("dst/sub")));
 }
 
 TEST(FileUtilList, MatchingKeepsEveryEntryThatHoldsAllSubstringsAndAccumulates) {
@@ -174,7 +168,7 @@ TEST(FileUtilProbes, SizesReadsLocksAndABlockedLibrary) {
   ASSERT_TRUE(WriteFile(home.Library(), "precious"));
   EXPECT_FALSE(FileUtil::GetUserLibraryDirectory(&untouched));
   EXPECT_EQ("x", untouched);
-  EXPECT_EQ("precious", Read(home.Library()));
+  EXPECT_EQ("precious", Contents(home.Library()));
 }
 
 }  // namespace
