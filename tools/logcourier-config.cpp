@@ -78,8 +78,8 @@ std::vector<Refusal> FindRefusals(const SettingsFile::Entries& before, const Set
     const std::string& raw = found->second;
     const std::string used = after.GetValue(checked.section, checked.key);
     const bool is_status = std::string(checked.section) == "ulog";
-    const bool refused = is_status ? raw != "Active" && raw != "Kill" && raw != "Hibernate"
-                                   : used != raw;
+    const bool refused =
+        is_status ? raw != "Active" && raw != "Kill" && raw != "Hibernate" : used != raw;
     if (refused) refusals.push_back({checked.key, raw, checked.reason, used});
   }
   return refusals;
@@ -122,8 +122,10 @@ void PrintJson(const std::string& path, const UploaderConfig& config,
 
 int ToolMain(int argc, char* argv[]) {
   static const option kOptions[] = {
-      {"file", required_argument, nullptr, 'f'}, {"json", no_argument, nullptr, 'j'},
-      {"help", no_argument, nullptr, 'h'},       {"version", no_argument, nullptr, 'V'},
+      {"file", required_argument, nullptr, 'f'},
+      {"json", no_argument, nullptr, 'j'},
+      {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0},
   };
   std::string path;

@@ -141,13 +141,12 @@ int WriteVerb(const Request& r) {
   if (r.has_entry) {
     const PrefValue current = CopyPreferenceValue(key, domain, r.user, r.host);
     if (!current.IsNone() && current.Kind() != kPrefDictionary) {
-      return Fail(path + ": '" + key + "' holds a " + pd::KindName(current) +
-                  ", not a dictionary");
+      return Fail(path + ": '" + key + "' holds a " + pd::KindName(current) + ", not a dictionary");
     }
-    done = r.has_int ? SetPreferenceDictionaryNumber(key, r.entry, domain, r.int_value, r.user,
-                                                     r.host)
-                     : SetPreferenceDictionaryString(key, r.entry, domain, r.string_value,
-                                                     r.user, r.host);
+    done =
+        r.has_int
+            ? SetPreferenceDictionaryNumber(key, r.entry, domain, r.int_value, r.user, r.host)
+            : SetPreferenceDictionaryString(key, r.entry, domain, r.string_value, r.user, r.host);
   } else if (r.has_int) {
     done = SetPreferenceNumber(key, domain, r.int_value, r.user, r.host);
   } else {
@@ -260,7 +259,8 @@ int Dispatch(const Request& r) {
   if (verb == "domains" && Arity(r, 0, 0)) return DomainsVerb(r);
   if (verb == "paths" && Arity(r, 0, 1)) return PathsVerb(r);
   if (verb == "write") {
-    if (r.has_string && r.has_int) return ts::UsageError(kToolName, "give -string or -int, not both");
+    if (r.has_string && r.has_int)
+      return ts::UsageError(kToolName, "give -string or -int, not both");
     const bool typed = r.has_string || r.has_int;
     if (Arity(r, 2, 2) && typed) return WriteVerb(r);
     if (Arity(r, 3, 3) && !typed && !r.has_entry) {
@@ -270,8 +270,9 @@ int Dispatch(const Request& r) {
       plain.words.pop_back();
       return WriteVerb(plain);
     }
-    return ts::UsageError(kToolName, "usage: write DOMAIN KEY (-string S | -int N | -dict-add "
-                                     "ENTRY (-string S | -int N))");
+    return ts::UsageError(kToolName,
+                          "usage: write DOMAIN KEY (-string S | -int N | -dict-add "
+                          "ENTRY (-string S | -int N))");
   }
   const std::string known = " read read-type write delete export import domains paths ";
   if (known.find(" " + verb + " ") == std::string::npos) {
@@ -282,10 +283,10 @@ int Dispatch(const Request& r) {
 
 int ToolMain(int argc, char* argv[]) {
   static const option kOptions[] = {
-      {"currentHost", no_argument, nullptr, 'c'}, {"anyUser", no_argument, nullptr, 'a'},
-      {"string", required_argument, nullptr, 's'}, {"int", required_argument, nullptr, 'i'},
+      {"currentHost", no_argument, nullptr, 'c'},    {"anyUser", no_argument, nullptr, 'a'},
+      {"string", required_argument, nullptr, 's'},   {"int", required_argument, nullptr, 'i'},
       {"dict-add", required_argument, nullptr, 'd'}, {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0},
+      {"version", no_argument, nullptr, 'V'},        {nullptr, 0, nullptr, 0},
   };
   Request r;
   opterr = 0;
@@ -305,8 +306,8 @@ int ToolMain(int argc, char* argv[]) {
         break;
       case 'i':
         if (!ParseInt(optarg, &r.int_value)) {
-          return ts::UsageError(kToolName, std::string("-int needs a signed 32-bit integer, not '") +
-                                               optarg + "'");
+          return ts::UsageError(
+              kToolName, std::string("-int needs a signed 32-bit integer, not '") + optarg + "'");
         }
         r.has_int = true;
         break;

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "FileUtil.h"
-#include "PreferenceDomains.h"
 #include "Posix/PreferenceStore.h"
+#include "PreferenceDomains.h"
 
 namespace PreferenceDomains {
 namespace {
@@ -78,8 +78,8 @@ std::string Quote(const std::string& text) {
 std::string KeyText(const std::string& key) {
   const bool bare = !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
     const auto b = static_cast<unsigned char>(c);
-    return (b >= 'a' && b <= 'z') || (b >= 'A' && b <= 'Z') || (b >= '0' && b <= '9') ||
-           c == '.' || c == '_' || c == '-';
+    return (b >= 'a' && b <= 'z') || (b >= 'A' && b <= 'Z') || (b >= '0' && b <= '9') || c == '.' ||
+           c == '_' || c == '-';
   });
   return bare ? key : Quote(key);
 }
