@@ -84,4 +84,4 @@ int ToolMain(int argc, char* argv[]) {
 
 }  // namespace
 
-int main(int argc, char* argv[]) { return ToolMain(argc, argv); }
+int main(int argc, char* argv[]) { return tool_support::RunTool(kToolName, ToolMain, argc, argv); }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <string>
 
@@ -139,6 +140,17 @@ bool WriteStdout(const std::string& data) {
   if (std::fwrite(data.data(), 1, data.size(), stdout) == data.size()) return true;
   if (first_write_error == 0) first_write_error = errno;
   return false;
+}
+
+int RunTool(const char* tool, int (*tool_main)(int, char**), int argc, char* argv[]) {
+  try {
+    return tool_main(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << tool << ": " << error.what() << '\n';
+  } catch (...) {
+    std::cerr << tool << ": unexpected failure\n";
+  }
+  return kExitFailure;
 }
 
 int FinishOutput(const char* tool, int status) {

@@ -58,6 +58,11 @@ bool ReadFileCapped(const std::string& path, std::size_t cap, std::string* data,
 // Writes `data` to standard output; false when the write failed.
 bool WriteStdout(const std::string& data);
 
+// Runs `tool_main` and answers its status. An exception that escapes it
+// (out of memory) is reported as "<tool>: <what>" with kExitFailure, so no
+// tool ends in std::terminate.
+int RunTool(const char* tool, int (*tool_main)(int, char**), int argc, char* argv[]);
+
 // Call once at the end: flushes and closes standard output. When anything
 // written to it failed (a full disk, a closed pipe), complains
 // "<tool>: write error: <reason>" and answers kExitFailure; otherwise answers

@@ -64,7 +64,7 @@ std::string Quote(const std::string& text) {
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           char code[8];
-          std::snprintf(code, sizeof code, "\\%03o", static_cast<unsigned>(c));
+          (void)std::snprintf(code, sizeof code, "\\%03o", static_cast<unsigned>(c));
           out += code;
         } else {
           out += c;
@@ -106,7 +106,7 @@ std::string ScalarText(plist_t node) {
       double value = 0;
       plist_get_real_val(node, &value);
       char text[64];
-      std::snprintf(text, sizeof text, "%.17g", value);
+      (void)std::snprintf(text, sizeof text, "%.17g", value);
       return text;
     }
     case PLIST_DATE: {
@@ -117,7 +117,7 @@ std::string ScalarText(plist_t node) {
       std::tm parts{};
       char text[64] = "";
       if (::gmtime_r(&when, &parts) != nullptr) {
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts);
+        (void)std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts);
       }
       return text;
     }
@@ -127,7 +127,7 @@ std::string ScalarText(plist_t node) {
       std::string out = "<";
       for (uint64_t i = 0; bytes != nullptr && i < length; ++i) {
         char hex[4];
-        std::snprintf(hex, sizeof hex, "%02x", static_cast<unsigned char>(bytes[i]));
+        (void)std::snprintf(hex, sizeof hex, "%02x", static_cast<unsigned char>(bytes[i]));
         out += hex;
       }
       return out + ">";
