@@ -124,7 +124,7 @@ int ReadVerb(const Request& r) {
   if (path.empty()) return Fail("'" + domain + "' is not a valid domain name");
   if (!pd::DomainExists(domain, r.user, r.host)) return Fail(ts::WithReason(path, ENOENT));
   PrefValue all;
-  if (!pd::CopyDomain(domain, r.user, r.host, &all)) return Fail(path + ": cannot be read");
+  if (!pd::CopyDomain(domain, r.user, r.host, &all)) return Fail(ts::WithReason(path, errno));
   if (r.words.size() == 2) return Print(pd::Describe(all));
   const PrefValue value = all.Item(r.words[2]);
   if (value.IsNone()) return Fail(path + ": no key '" + r.words[2] + "'");
@@ -191,9 +191,8 @@ int ExportVerb(const Request& r) {
   if (!pd::DomainExists(domain, r.user, r.host)) return Fail(ts::WithReason(path, ENOENT));
   PrefValue all;
   std::string xml;
-  if (!pd::CopyDomain(domain, r.user, r.host, &all) || !pd::ToXml(all, &xml)) {
-    return Fail(path + ": cannot be read");
-  }
+  if (!pd::CopyDomain(domain, r.user, r.host, &all)) return Fail(ts::WithReason(path, errno));
+  if (!pd::ToXml(all, &xml)) return Fail(path + ": cannot be converted to XML");
   if (target == "-") {
     ts::WriteStdout(xml);  // a failure is reported at exit
     return ts::kExitSuccess;

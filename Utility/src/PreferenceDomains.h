@@ -29,7 +29,7 @@ bool DomainExists(const std::string& domain, PrefUser user, PrefHost host);
 
 // The whole domain as a dictionary (empty for a missing or unparsable file,
 // as every reader of the store sees it). False for an invalid domain or
-// scope.
+// scope, or a file that exists but may not be read (errno tells why).
 bool CopyDomain(const std::string& domain, PrefUser user, PrefHost host, PrefValue* out);
 
 // Replaces the whole domain with `dictionary` (a dictionary value; values of

@@ -192,6 +192,9 @@ bool CopyDomain(const std::string& domain, PrefUser user, PrefHost host, PrefVal
   return Guarded(false, [&] {
     const std::string path = PreferenceFilePath(domain, user, host);
     if (out == nullptr || path.empty()) return false;
+    // The store reads an unreadable file as an empty domain; a tool that
+    // shows the domain must not claim it is empty.
+    if (IsRegularFile(path) && ::access(path.c_str(), R_OK) != 0) return false;
     *out = PreferenceStore::ReadDomain(path);
     return true;
   });
