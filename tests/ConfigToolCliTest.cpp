@@ -21,7 +21,8 @@ TEST(ConfigToolCliTest, ShowsGivenFileWithoutChangingIt) {
   ASSERT_TRUE(ts::WriteFile(path, original));
   const auto run = ts::RunProgram({kTool, "--file", path});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.err,
+            "logcourier-config: " + path + ": maxretries=9 refused (accepted 1..5), using 3\n");
   const std::string url = "http://up.quorvik.com/b";
   EXPECT_EQ(run.out, "file: " + path +
                          "\nmaxDiskSpace: 50\nretryInterval: 10\nmaxRetries: 3\nserverUrl: " + url +
@@ -43,17 +44,67 @@ TEST(ConfigToolCliTest, ShowsGivenFileWithoutChangingIt) {
 TEST(ConfigToolCliTest, RejectsBadInputWithOneLine) {
   ts::ScopedTempDir dir;
   const std::string folder = "--file=" + dir.path(), missing = folder + "/missing.cfg";
-  // Usage errors (status 2), then two files that cannot be read (status 1).
+  // Usage errors (status 2, one line and the hint), then two files that
+  // cannot be read (status 1, one line).
   const std::string cases[] = {"--file", "--file=", "--bogus", "-x", "stray", folder, missing};
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const auto run = ts::RunProgram({kTool, cases[i]});
-    EXPECT_EQ(run.status, i < 5 ? 2 : 1) << cases[i];
+    const bool usage = i < 5;
+    EXPECT_EQ(run.status, usage ? 2 : 1) << cases[i];
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err.rfind("logcourier-config: ", 0), 0u) << run.err;
-    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+    const std::string hint = "\nTry 'logcourier-config --help'.\n";
+    if (usage) {
+      ASSERT_GT(run.err.size(), hint.size());
+      EXPECT_EQ(run.err.substr(run.err.size() - hint.size()), hint) << run.err;
+      EXPECT_EQ(run.err.find('\n'), run.err.size() - hint.size()) << run.err;
+    } else {
+      EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+    }
   }
   const auto help = ts::RunProgram({kTool, "--help"});
   EXPECT_TRUE(help.status == 0 && help.out.rfind("Usage: logcourier-config", 0) == 0) << help.out;
+}
+
+TEST(ConfigToolCliTest, NamesEachRefusedValue) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("LogCourier2.cfg");
+  const std::string fallback = "https://";  // the default address starts so
+  ASSERT_TRUE(ts::WriteFile(path,
+                            "[settings]\nmaxdiskspace=99999\nretryinterval=0\nmaxretries=5\n"
+                            "url=https://evil.example.org/x\n[ulog]\nstatus=kill\n"));
+  const auto run = ts::RunProgram({kTool, "--file", path});
+  EXPECT_EQ(run.status, 0);
+  const std::string p = "logcourier-config: " + path + ": ";
+  const std::string url_line =
+      p + "url=https://evil.example.org/x refused (not an allowed " + "server address), using ";
+  const std::string expected_start =
+      p + "maxdiskspace=99999 refused (accepted 5..100), using 10\n" + p +
+      "retryinterval=0 refused (accepted 1..60), using 10\n" + url_line;
+  EXPECT_EQ(run.err.substr(0, expected_start.size()), expected_start) << run.err;
+  EXPECT_NE(run.err.find(p + "status=kill refused (accepted Active, Kill, Hibernate), using "
+                             "Active\n"),
+            std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.err.find("maxretries"), std::string::npos);  // 5 is accepted
+  EXPECT_NE(run.out.find("\nmaxRetries: 5\n"), std::string::npos);
+
+  // The same in one JSON object; the refusals are listed there too.
+  const auto json = ts::RunProgram({kTool, "--json", "--file", path});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_EQ(json.out.rfind("{\"file\":\"" + path +
+                               "\",\"maxDiskSpace\":10,\"retryInterval\":10,"
+                               "\"maxRetries\":5,\"serverUrl\":\"" +
+                               fallback,
+                           0),
+            0u)
+      << json.out;
+  EXPECT_NE(json.out.find("\"refused\":[{\"key\":\"maxdiskspace\",\"value\":\"99999\","
+                          "\"reason\":\"accepted 5..100\",\"using\":\"10\"}"),
+            std::string::npos)
+      << json.out;
+  EXPECT_EQ(json.out.back(), '\n');
+  EXPECT_EQ(json.out.find('\n'), json.out.size() - 1);
 }
 
 }  // namespace

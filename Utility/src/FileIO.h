@@ -28,6 +28,11 @@ enum class ReadStatus {
 ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
                     int* error_number = nullptr);
 
+// The same for standard input, which may be a pipe or a terminal: read to its
+// end, or refused past `max_bytes`.
+ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents,
+                             int* error_number = nullptr);
+
 // How ReplaceFile treats the file it replaces.
 struct ReplaceOptions {
   // Permission bits of a new file, and of every file unless `keep_mode`.

@@ -81,7 +81,47 @@ std::string ResolveLink(const std::string& path) {
   return real ? std::string(real.get()) : path;
 }
 
+// Reads `fd` to its end into `contents`, refusing more than `max_bytes`.
+ReadStatus ReadCapped(int fd, std::size_t max_bytes, std::string* contents, int& error) {
+  std::string data;
+  char buffer[16384];
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      error = errno;
+      return ReadStatus::kError;
+    }
+    if (got == 0) break;
+    // Files that report no size (/proc, sysfs, pipes) are capped as they are read.
+    if (data.size() + static_cast<std::size_t>(got) > max_bytes) return ReadStatus::kTooLarge;
+    data.append(buffer, static_cast<std::size_t>(got));
+  }
+  contents->swap(data);
+  return ReadStatus::kOk;
+}
+
 }  // namespace
+
+ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents, int* error_number) {
+  int ignored = 0;
+  int& error = error_number != nullptr ? *error_number : ignored;
+  error = 0;
+  if (contents == nullptr) {
+    error = EINVAL;
+    return ReadStatus::kError;
+  }
+  struct stat st;
+  if (::fstat(STDIN_FILENO, &st) != 0) {
+    error = errno;
+    return ReadStatus::kError;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    error = EISDIR;
+    return ReadStatus::kNotRegular;
+  }
+  return ReadCapped(STDIN_FILENO, max_bytes, contents, error);
+}
 
 ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
                     int* error_number) {
@@ -108,23 +148,7 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
     return ReadStatus::kNotRegular;
   }
   if (static_cast<unsigned long long>(st.st_size) > max_bytes) return ReadStatus::kTooLarge;
-
-  std::string data;
-  char buffer[16384];
-  for (;;) {
-    const ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = errno;
-      return ReadStatus::kError;
-    }
-    if (got == 0) break;
-    // Files that report no size (/proc, sysfs) are capped while they are read.
-    if (data.size() + static_cast<std::size_t>(got) > max_bytes) return ReadStatus::kTooLarge;
-    data.append(buffer, static_cast<std::size_t>(got));
-  }
-  contents->swap(data);
-  return ReadStatus::kOk;
+  return ReadCapped(fd.get(), max_bytes, contents, error);
 }
 
 std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }

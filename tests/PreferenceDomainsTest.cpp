@@ -1,0 +1,161 @@
+// Whole-domain operations: listings that skip the store's own temporary and
+// lock files, removal of keys and domains, replacement that keeps foreign
+// value kinds, property-list parsing of any bytes, and the readable dump.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "PreferenceDomains.h"
+#include "Preferences.h"
+#include "TestSupport.h"
+
+namespace {
+
+namespace pd = PreferenceDomains;
+namespace ts = testing_support;
+
+constexpr PrefUser kMe = PrefUser::kCurrentUser;
+constexpr PrefHost kAny = PrefHost::kAnyHost;
+
+class PreferenceDomainsTest : public ::testing::Test {
+ protected:
+  PreferenceDomainsTest() { SetSystemPreferencesDirForTesting(system_.path()); }
+  ~PreferenceDomainsTest() override { SetSystemPreferencesDirForTesting(""); }
+
+  static PrefValue Parse(const std::string& xml_body) {
+    PrefValue value;
+    const std::string doc =
+        "<?xml version=\"1.0\"?><plist version=\"1.0\">" + xml_body + "</plist>";
+    EXPECT_TRUE(pd::FromPropertyList(doc, &value)) << xml_body;
+    return value;
+  }
+
+  ts::ScopedHome home_;
+  ts::ScopedTempDir system_;
+};
+
+TEST_F(PreferenceDomainsTest, ListsOnlyDomainFilesOfTheScope) {
+  ASSERT_TRUE(SetPreferenceNumber("n", "com.b", 1, kMe, kAny));
+  ASSERT_TRUE(SetPreferenceNumber("n", "com.a", 1, kMe, kAny));
+  ASSERT_TRUE(SetPreferenceNumber("n", "com.host", 1, kMe, PrefHost::kCurrentHost));
+  ASSERT_TRUE(SetPreferenceNumber("n", "com.system", 1, PrefUser::kAnyUser, kAny));
+  const std::string dir = home_.Library() + "/Preferences/";
+  // What else lies there: a writer's leftover temporary, a directory named
+  // like a domain, a file of another kind.
+  ASSERT_TRUE(ts::WriteFile(dir + ".com.a.plist.Xy12ab", "partial"));
+  ASSERT_TRUE(ts::WriteFile(dir + ".hidden.plist", "dot files are not domains"));
+  ASSERT_TRUE(ts::MakeDirs(dir + "folder.plist"));
+  ASSERT_TRUE(ts::WriteFile(dir + "notes.txt", "x"));
+
+  const struct {
+    PrefUser user;
+    PrefHost host;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {kMe, kAny, {"com.a", "com.b"}},
+      {kMe, PrefHost::kCurrentHost, {"com.host"}},
+      {PrefUser::kAnyUser, kAny, {"com.system"}},
+      {PrefUser::kAnyUser, PrefHost::kCurrentHost, {}},  // no ByHost directory there
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> names = {"stale"};
+    ASSERT_TRUE(pd::ListDomains(c.user, c.host, &names));
+    EXPECT_EQ(names, c.expected);
+  }
+  std::vector<std::string> untouched = {"kept"};
+  EXPECT_FALSE(pd::ListDomains(kMe, static_cast<PrefHost>(7), &untouched));
+  EXPECT_EQ(untouched, std::vector<std::string>{"kept"});
+}
+
+TEST_F(PreferenceDomainsTest, RemovesKeysAndDomainsUnderTheLock) {
+  ASSERT_TRUE(SetPreferenceNumber("a", "com.x", 1, kMe, kAny));
+  ASSERT_TRUE(SetPreferenceString("b", "com.x", "two", kMe, kAny));
+  EXPECT_EQ(pd::RemoveKey("a", "com.x", kMe, kAny), pd::EditResult::kDone);
+  EXPECT_EQ(pd::RemoveKey("a", "com.x", kMe, kAny), pd::EditResult::kNotFound);
+  EXPECT_EQ(pd::RemoveKey("a", "bad/domain", kMe, kAny), pd::EditResult::kFailed);
+  std::string b;
+  EXPECT_TRUE(GetPreferenceString("b", "com.x", &b, kMe, kAny));
+  EXPECT_EQ(b, "two");
+
+  EXPECT_TRUE(pd::DomainExists("com.x", kMe, kAny));
+  EXPECT_EQ(pd::RemoveDomain("com.x", kMe, kAny), pd::EditResult::kDone);
+  EXPECT_FALSE(pd::DomainExists("com.x", kMe, kAny));
+  EXPECT_EQ(pd::RemoveDomain("com.x", kMe, kAny), pd::EditResult::kNotFound);
+  // The lock file stays for writers that may wait on it; it is no domain.
+  std::vector<std::string> names;
+  ASSERT_TRUE(pd::ListDomains(kMe, kAny, &names));
+  EXPECT_TRUE(names.empty());
+}
+
+TEST_F(PreferenceDomainsTest, ReplaceKeepsEveryKindAndRefusesNonDictionaries) {
+  const PrefValue foreign = Parse(
+      "<dict><key>t</key><true/><key>r</key><real>1.5</real>"
+      "<key>data</key><data>AAH/</data><key>s</key><string>x</string></dict>");
+  ASSERT_TRUE(pd::ReplaceDomain("com.r", kMe, kAny, foreign));
+  PrefValue stored;
+  ASSERT_TRUE(pd::CopyDomain("com.r", kMe, kAny, &stored));
+  EXPECT_EQ(pd::Describe(stored),
+            "{\n    t = 1;\n    r = 1.5;\n    data = <0001ff>;\n    s = \"x\";\n}");
+  EXPECT_EQ(pd::KindName(stored.Item("t")), "boolean");
+  EXPECT_EQ(pd::KindName(stored.Item("data")), "data");
+
+  EXPECT_FALSE(pd::ReplaceDomain("com.r", kMe, kAny, Parse("<array/>")));
+  EXPECT_FALSE(pd::ReplaceDomain("com.r", kMe, kAny, PrefValue()));
+  ASSERT_TRUE(pd::CopyDomain("com.r", kMe, kAny, &stored));
+  EXPECT_EQ(stored.Count(), 4u);  // the refused calls left the domain alone
+}
+
+TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
+  const struct {
+    std::string xml;
+    std::string text;
+  } cases[] = {
+      {"<string>a\"b\\c\nd\te\x01</string>", "\"a\\\"b\\\\c\\nd\\te\\001\""},
+      {"<integer>-2147483648</integer>", "-2147483648"},
+      {"<dict/>", "{\n}"},
+      {"<array/>", "(\n)"},
+      {"<dict><key>odd key</key><array><dict/></array></dict>",
+       "{\n    \"odd key\" = (\n        {\n        }\n    );\n}"},
+      {"<date>2001-01-02T00:00:00Z</date>", "2001-01-02 00:00:00 +0000"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(pd::Describe(Parse(c.xml)), c.text) << c.xml;
+  }
+  EXPECT_EQ(pd::Describe(PrefValue()), "");
+
+  // Deep nesting from a hostile file is cut short, not walked to a crash.
+  std::string deep;
+  for (int i = 0; i < 200; ++i) deep += "<array>";
+  for (int i = 0; i < 200; ++i) deep += "</array>";
+  PrefValue nested;
+  const std::string doc = "<?xml version=\"1.0\"?><plist version=\"1.0\">" + deep + "</plist>";
+  ASSERT_TRUE(pd::FromPropertyList(doc, &nested));
+  EXPECT_NE(pd::Describe(nested).find("..."), std::string::npos);
+}
+
+TEST_F(PreferenceDomainsTest, ParsesXmlAndBinaryAndRefusesOtherBytes) {
+  PrefValue value = Parse("<dict><key>k</key><integer>5</integer></dict>");
+  std::string xml;
+  ASSERT_TRUE(pd::ToXml(value, &xml));
+  PrefValue again;
+  ASSERT_TRUE(pd::FromPropertyList(xml, &again));
+  EXPECT_EQ(pd::Describe(again), "{\n    k = 5;\n}");
+  // The store writes binary files: they parse as well.
+  ASSERT_TRUE(pd::ReplaceDomain("com.bin", kMe, kAny, value));
+  std::string binary;
+  ASSERT_TRUE(ts::ReadFile(PreferenceFilePath("com.bin", kMe, kAny), &binary));
+  ASSERT_EQ(binary.rfind("bplist00", 0), 0u);
+  ASSERT_TRUE(pd::FromPropertyList(binary, &again));
+  EXPECT_EQ(pd::Describe(again), "{\n    k = 5;\n}");
+
+  for (const std::string& bytes : {std::string(), std::string("plain text"),
+                                   std::string("bplist00\xff\xff", 10), std::string(64, '\0')}) {
+    PrefValue untouched = PrefValue::Number(1);
+    EXPECT_FALSE(pd::FromPropertyList(bytes, &untouched)) << bytes;
+    EXPECT_EQ(untouched.Kind(), kPrefNumber);
+  }
+  EXPECT_FALSE(pd::ToXml(PrefValue(), &xml));
+}
+
+}  // namespace

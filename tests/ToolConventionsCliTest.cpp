@@ -1,0 +1,170 @@
+// The conventions every operator tool keeps, checked on each built tool:
+// --help and --version on standard output, the exact answer to an unknown
+// option, one line naming the file and the system's reason for a missing
+// file, a directory or an oversize input, and a failed write of standard
+// output reported with exit status 1.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+namespace ts = testing_support;
+
+struct ToolCase {
+  std::string name;
+  // The arguments that come before an input file; empty `reads_file` means
+  // the tool takes no input file.
+  std::vector<std::string> file_args;
+  bool reads_file;
+  std::size_t cap;  // bytes an input file may hold
+  // Arguments of a run that prints something, given the sandbox directory.
+  std::vector<std::string> (*printing_args)(const std::string& dir);
+};
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+const ToolCase kTools[] = {
+    {"ulog-decode",
+     {},
+     true,
+     16 * kMiB,
+     [](const std::string& dir) { return std::vector<std::string>{dir + "/doc.xml"}; }},
+    {"logcourier-config",
+     {"--file"},
+     true,
+     1 * kMiB,
+     [](const std::string& dir) {
+       return std::vector<std::string>{"--file", dir + "/doc.xml"};
+     }},
+    {"lumetry-sysinfo",
+     {},
+     false,
+     0,
+     [](const std::string&) { return std::vector<std::string>{}; }},
+    {"lumetry-defaults",
+     {"import", "com.quorvik.test"},
+     true,
+     1 * kMiB,
+     [](const std::string&) { return std::vector<std::string>{"paths"}; }},
+};
+
+std::string Path(const ToolCase& tool) { return std::string(TOOLS_DIR) + "/" + tool.name; }
+
+ts::RunResult RunTool(const ToolCase& tool, const std::vector<std::string>& args,
+                      const std::string& home) {
+  std::vector<std::string> argv = {Path(tool)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return ts::RunProgram(argv, {"HOME=" + home, "LUMETRY_SYSTEM_PREFS_DIR=" + home + "/system"});
+}
+
+std::vector<std::string> WithFile(const ToolCase& tool, const std::string& file) {
+  std::vector<std::string> args = tool.file_args;
+  args.push_back(file);
+  return args;
+}
+
+TEST(ToolConventionsCliTest, HelpAndVersionGoToStandardOutput) {
+  ts::ScopedTempDir home;
+  for (const ToolCase& tool : kTools) {
+    SCOPED_TRACE(tool.name);
+    const auto help = RunTool(tool, {"--help"}, home.path());
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("Usage: " + tool.name + " ", 0), 0u) << help.out;
+    EXPECT_EQ(help.err, "");
+    const auto version = RunTool(tool, {"--version"}, home.path());
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, tool.name + " " + LUMETRY_PROJECT_VERSION + "\n");
+    EXPECT_EQ(version.err, "");
+  }
+}
+
+TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
+  ts::ScopedTempDir home;
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{"--x"}, "unrecognized option '--x'"},
+      {{"--x=1"}, "unrecognized option '--x'"},
+      {{"-z"}, "invalid option -- 'z'"},
+      {{"--help=x"}, "option '--help' doesn't allow an argument"},
+      {{"--nope", "--version"}, "unrecognized option '--nope'"},
+  };
+  for (const ToolCase& tool : kTools) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(tool.name + " " + c.args[0]);
+      const auto run = RunTool(tool, c.args, home.path());
+      EXPECT_EQ(run.status, 2);
+      EXPECT_EQ(run.out, "");
+      EXPECT_EQ(run.err, tool.name + ": " + c.message + "\nTry '" + tool.name + " --help'.\n");
+    }
+  }
+}
+
+TEST(ToolConventionsCliTest, UnreadableInputsNameTheFileAndTheReason) {
+  ts::ScopedTempDir home;
+  const std::string oversize_small = home.Sub("big-1m");
+  const std::string oversize_large = home.Sub("big-16m");
+  ASSERT_TRUE(ts::WriteFile(oversize_small, ""));
+  ASSERT_TRUE(ts::WriteFile(oversize_large, ""));
+  // Sparse files one byte past each cap: no memory or disk needed for them.
+  ASSERT_EQ(::truncate(oversize_small.c_str(), static_cast<off_t>(kMiB + 1)), 0);
+  ASSERT_EQ(::truncate(oversize_large.c_str(), static_cast<off_t>(16 * kMiB + 1)), 0);
+  for (const ToolCase& tool : kTools) {
+    if (!tool.reads_file) continue;  // lumetry-sysinfo takes no file
+    const std::string big = tool.cap == kMiB ? oversize_small : oversize_large;
+    const struct {
+      std::string file;
+      std::string reason;
+    } cases[] = {
+        {home.Sub("missing"), "No such file or directory"},
+        {home.path(), "Is a directory"},
+        {big, tool.cap == kMiB ? "larger than 1 MiB" : "larger than 16 MiB"},
+    };
+    for (const auto& c : cases) {
+      SCOPED_TRACE(tool.name + " " + c.file);
+      const auto run = RunTool(tool, WithFile(tool, c.file), home.path());
+      EXPECT_EQ(run.status, 1);
+      EXPECT_EQ(run.out, "");
+      EXPECT_EQ(run.err, tool.name + ": " + c.file + ": " + c.reason + "\n");
+    }
+  }
+}
+
+TEST(ToolConventionsCliTest, InputsUpToTheCapAreRead) {
+  ts::ScopedTempDir home;
+  // A settings text of exactly 1 MiB: comments padded to the cap.
+  const std::string line = "# " + std::string(1021, 'x') + "\n";
+  std::string text = "[settings]\nmaxretries=4\n";
+  while (text.size() + line.size() <= kMiB) text += line;
+  text += std::string(kMiB - text.size(), '\n');
+  ASSERT_EQ(text.size(), kMiB);
+  ASSERT_TRUE(ts::WriteFile(home.Sub("full.cfg"), text));
+  const auto run = RunTool(kTools[1], {"--file", home.Sub("full.cfg")}, home.path());
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("\nmaxRetries: 4\n"), std::string::npos) << run.out;
+}
+
+TEST(ToolConventionsCliTest, AFullStandardOutputFailsTheRun) {
+  ts::ScopedTempDir home;
+  ASSERT_TRUE(ts::WriteFile(home.Sub("doc.xml"), "[settings]\n<doc/>\n"));
+  for (const ToolCase& tool : kTools) {
+    for (const auto& args : {tool.printing_args(home.path()), std::vector<std::string>{"--help"}}) {
+      SCOPED_TRACE(tool.name + " " + (args.empty() ? "" : args[0]));
+      // The shell points standard output at /dev/full, then runs the tool.
+      std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full",
+                                       Path(tool)};
+      argv.insert(argv.end(), args.begin(), args.end());
+      const auto run = ts::RunProgram(argv, {"HOME=" + home.path()});
+      EXPECT_EQ(run.status, 1);
+      EXPECT_EQ(run.err, tool.name + ": write error: No space left on device\n");
+    }
+  }
+}
+
+}  // namespace
