@@ -31,7 +31,7 @@ std::int64_t ModificationNs(const struct stat& st) {
 
 bool IsUsageLogName(const std::string& name) {
   if (name.size() <= 9 || name.compare(0, 5, "ulog_") != 0) return false;
-  if (name.find_first_of("/\n") != std::string::npos) return false;
+  if (name.find_first_of(std::string("/\n\0", 3)) != std::string::npos) return false;
   return EndsWith(name, ".rdy") || EndsWith(name, ".xml");
 }
 

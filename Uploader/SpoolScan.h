@@ -24,8 +24,8 @@ struct SpoolEntry {
   std::uint64_t inode = 0;
 };
 
-// True for "ulog_" + at least one byte + ".rdy" or ".xml", without "/" or a
-// line feed (a name the attempt ledger could not hold is not a usage log).
+// True for "ulog_" + at least one byte + ".rdy" or ".xml", without "/", a
+// line feed or a NUL (a name the attempt ledger could not hold is not a usage log).
 bool IsUsageLogName(const std::string& name);
 
 // The usage logs of `dir`, oldest modification time first (then by name).
