@@ -17,7 +17,8 @@ namespace {
 
 // A decimal number that fills the whole of `text` and fits `max`.
 bool ParseNumber(const std::string& text, std::int64_t max, std::int64_t* out) {
-  if (text.empty() || text.size() > 19 || text.find_first_not_of("0123456789") != std::string::npos) {
+  if (text.empty() || text.size() > 19 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
   errno = 0;

@@ -77,8 +77,8 @@ class CurlTransport : public Transport {
     return Perform(url, maxBody, nullptr);
   }
 
-  HttpAnswer PostFile(const std::string& url, const std::string& fileName,
-                      const std::string& bytes, std::size_t maxBody) override {
+  HttpAnswer PostFile(const std::string& url, const std::string& fileName, const std::string& bytes,
+                      std::size_t maxBody) override {
     FileForm form{fileName, &bytes};
     return Perform(url, maxBody, &form);
   }
@@ -120,8 +120,8 @@ class CurlTransport : public Transport {
     ok = ok && curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
-    ok = ok && curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, settings_.connectTimeoutMs) ==
-                   CURLE_OK;
+    ok = ok &&
+         curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, settings_.connectTimeoutMs) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, settings_.totalTimeoutMs) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_USERAGENT, settings_.userAgent.c_str()) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;

@@ -12,10 +12,10 @@
 namespace Courier {
 
 struct TransportSettings {
-  std::string userAgent;   // sent as User-Agent
-  std::string machineId;   // sent as X-Lumetry-Machine-ID
-  std::string connectTo;   // "HOST:PORT:HOST2:PORT2" or "" (curl's --connect-to)
-  std::string caFile;      // trusted certificates instead of the system store, or ""
+  std::string userAgent;  // sent as User-Agent
+  std::string machineId;  // sent as X-Lumetry-Machine-ID
+  std::string connectTo;  // "HOST:PORT:HOST2:PORT2" or "" (curl's --connect-to)
+  std::string caFile;     // trusted certificates instead of the system store, or ""
   long connectTimeoutMs = 10000;
   long totalTimeoutMs = 60000;
 };

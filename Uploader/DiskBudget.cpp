@@ -18,8 +18,7 @@ BudgetResult ApplyDiskBudget(const std::vector<SpoolEntry>& entries, std::uint32
     if (result.totalAfter <= budget) break;
     SpoolFileLock lock = SpoolFileLock::TryLock(entry);
     if (!lock.IsHeld()) {
-      report.Say("disk budget: " + entry.name + " is still being written, kept", kSource,
-                 __LINE__);
+      report.Say("disk budget: " + entry.name + " is still being written, kept", kSource, __LINE__);
       continue;
     }
     if (!dryRun && !lock.Remove()) {

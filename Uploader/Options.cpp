@@ -65,13 +65,13 @@ ParseOutcome ParseOptions(int argc, char* argv[], Options* options, std::string*
       case 'V':
         return ParseOutcome::kVersion;
       case ':':
-        *error = "LogCourier2: option '" + word.substr(0, word.find('=')) +
-                 "' requires an argument";
+        *error =
+            "LogCourier2: option '" + word.substr(0, word.find('=')) + "' requires an argument";
         return ParseOutcome::kUsageError;
       default:
         if (optopt != 0) {
-          *error = std::string("LogCourier2: invalid option -- '") + static_cast<char>(optopt) +
-                   "'";
+          *error =
+              std::string("LogCourier2: invalid option -- '") + static_cast<char>(optopt) + "'";
         } else {
           *error = "LogCourier2: unrecognized option '" + word + "'";
         }

@@ -25,8 +25,8 @@ struct PassContext {
   const PassSettings& settings;
   Reporter& report;
   std::int64_t now = 0;
-  std::string configPath;   // the user's LogCourier2.cfg, or "" when there is none
-  UploaderConfig config;    // as last read from configPath
+  std::string configPath;  // the user's LogCourier2.cfg, or "" when there is none
+  UploaderConfig config;   // as last read from configPath
   PassSummary summary;
   bool networkOpen = true;  // false once a step has ended all requests
   std::unique_ptr<Transport> transport;

@@ -19,8 +19,8 @@ bool RetryAfterUntil(const std::string& value, std::int64_t now, std::int64_t* u
   } else {
     const time_t when = curl_getdate(value.c_str(), nullptr);
     if (when == -1) return false;
-    wait = std::clamp<std::int64_t>(static_cast<std::int64_t>(when) - now, 0,
-                                    kMaxRetryAfterSeconds);
+    wait =
+        std::clamp<std::int64_t>(static_cast<std::int64_t>(when) - now, 0, kMaxRetryAfterSeconds);
   }
   *until = now + wait;
   return true;

@@ -43,7 +43,7 @@ std::vector<SpoolEntry> ScanSpool(const std::string& dir) {
     if (!IsUsageLogName(name)) continue;
     SpoolEntry entry;
     entry.name = name;
-    entry.path = dir + "/" + name;
+    entry.path = FileUtil::JoinPath(dir, name);
     struct stat st;
     if (::lstat(entry.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     entry.mtimeNs = ModificationNs(st);

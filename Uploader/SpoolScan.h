@@ -16,11 +16,11 @@
 namespace Courier {
 
 struct SpoolEntry {
-  std::string name;            // file name in the spool
-  std::string path;            // spool directory + "/" + name
-  std::int64_t mtimeNs = 0;    // modification time, nanoseconds since the epoch
-  std::uint64_t size = 0;      // bytes
-  std::uint64_t device = 0;    // identity at scan time, so a replaced file is noticed
+  std::string name;          // file name in the spool
+  std::string path;          // spool directory + "/" + name
+  std::int64_t mtimeNs = 0;  // modification time, nanoseconds since the epoch
+  std::uint64_t size = 0;    // bytes
+  std::uint64_t device = 0;  // identity at scan time, so a replaced file is noticed
   std::uint64_t inode = 0;
 };
 

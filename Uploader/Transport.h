@@ -19,11 +19,11 @@ enum class Delivery {
 
 struct HttpAnswer {
   Delivery delivery = Delivery::kUnreachable;
-  long status = 0;           // HTTP status when answered
-  std::string body;          // at most the cap given with the request
-  bool bodyTooLarge = false; // the answer's body went beyond the cap (body cut)
-  std::string retryAfter;    // the Retry-After header's value, or ""
-  std::string error;         // a short reason when not answered, for the log
+  long status = 0;            // HTTP status when answered
+  std::string body;           // at most the cap given with the request
+  bool bodyTooLarge = false;  // the answer's body went beyond the cap (body cut)
+  std::string retryAfter;     // the Retry-After header's value, or ""
+  std::string error;          // a short reason when not answered, for the log
 };
 
 class Transport {

@@ -85,8 +85,8 @@ void UploadRun::Failed(SpoolFileLock& lock, const SpoolEntry& entry, const std::
   } else {
     ++context_.summary.failed;
     Say("attempt " + std::to_string(failures) + " of " +
-            std::to_string(context_.config.maxRetries) + " for " + entry.name + " failed (" +
-            why + "), kept",
+            std::to_string(context_.config.maxRetries) + " for " + entry.name + " failed (" + why +
+            "), kept",
         __LINE__);
   }
   Save();
@@ -118,8 +118,7 @@ void UploadRun::Send(const SpoolEntry& entry) {
   std::string bytes;
   const std::size_t cap = static_cast<std::size_t>(context_.config.maxDiskSpace) * 1024 * 1024;
   if (!lock.ReadAll(cap, &bytes)) {
-    Say(entry.name + " cannot be read (or is larger than the spool budget), left alone",
-        __LINE__);
+    Say(entry.name + " cannot be read (or is larger than the spool budget), left alone", __LINE__);
     return;
   }
   if (context_.settings.dryRun) {
@@ -155,8 +154,7 @@ void UploadRun::Send(const SpoolEntry& entry) {
     case UploadVerdict::kRefused:
       if (lock.Remove()) {
         ++context_.summary.refused;
-        Say("the server refused " + entry.name + " for good (" + StatusText(answer) +
-                "), deleted",
+        Say("the server refused " + entry.name + " for good (" + StatusText(answer) + "), deleted",
             __LINE__);
       }
       ledger_.Forget(entry.name);

@@ -63,10 +63,11 @@ CourierTestServer::~CourierTestServer() { Stop(); }
 bool CourierTestServer::Start() {
   const TestCertificates& certs = SharedCertificates();
   if (!certs.ok || pid_ > 0) return false;
-  std::vector<std::string> args = {PYTHON_PROGRAM,   COURIER_SERVER_SCRIPT, "--cert", certs.certFile,
-                                   "--key",          certs.keyFile,         "--dir",  dir_.path(),
-                                   "--lifetime",     "120"};
+  std::vector<std::string> args = {
+      PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--cert",     certs.certFile, "--key", certs.keyFile,
+      "--dir",        dir_.path(),           "--lifetime", "120"};
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
@@ -105,9 +106,7 @@ void CourierTestServer::Stop() {
   pid_ = -1;
 }
 
-std::string CourierTestServer::ConnectTo() const {
-  return "::127.0.0.1:" + std::to_string(port_);
-}
+std::string CourierTestServer::ConnectTo() const { return "::127.0.0.1:" + std::to_string(port_); }
 
 std::string CourierTestServer::ConnectToDefault() const {
   return "lumetry.quorvik.com:443:127.0.0.1:" + std::to_string(port_);
@@ -165,8 +164,8 @@ std::string JsonString(const std::string& text) {
       out += c;
     } else if (byte < 0x20) {
       char buffer[8];
-      std::snprintf(buffer, sizeof buffer, "\\u%04x", byte);
-      out += buffer;
+      const int n = std::snprintf(buffer, sizeof buffer, "\\u%04x", byte);
+      out.append(buffer, static_cast<std::size_t>(n));
     } else {
       out += c;
     }
@@ -179,7 +178,8 @@ std::string UploadedFileName(const RecordedRequest& request) {
   const auto at = request.body.find(key);
   if (at == std::string::npos) return "";
   const auto end = request.body.find('"', at + key.size());
-  return end == std::string::npos ? "" : request.body.substr(at + key.size(), end - at - key.size());
+  return end == std::string::npos ? ""
+                                  : request.body.substr(at + key.size(), end - at - key.size());
 }
 
 }  // namespace testing_support

@@ -1,8 +1,8 @@
 // Drives the built LogCourier2 as the launcher and the service units do,
 // against the HTTPS test server reached through --connect-to and --cacert.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
@@ -110,10 +110,10 @@ TEST_F(UploaderCliTest, VerboseDryRunDecidesWithoutSending) {
 
 TEST_F(UploaderCliTest, ServerDownOrUntrustedKeepsEverything) {
   ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_k_0.xml", "<x/>"));
-  const ts::RunResult untrusted = ts::RunProgram(
-      {kProgram, "--connect-to", server_.ConnectToDefault(), "--cacert",
-       ts::SharedCertificates().otherCaFile, "--verbose"},
-      {"HOME=" + home_.path()});
+  const ts::RunResult untrusted =
+      ts::RunProgram({kProgram, "--connect-to", server_.ConnectToDefault(), "--cacert",
+                      ts::SharedCertificates().otherCaFile, "--verbose"},
+                     {"HOME=" + home_.path()});
   EXPECT_EQ(0, untrusted.status);
   EXPECT_NE(std::string::npos, untrusted.err.find("cannot be reached")) << untrusted.err;
   EXPECT_TRUE(server_.Requests().empty());

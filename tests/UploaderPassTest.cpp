@@ -1,12 +1,11 @@
 // Passes of the uploader library against a real HTTPS server on a loopback
 // port: what each server answer does to the spool, the attempt ledger and the
 // configuration, and what keeps the uploader from sending at all.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <ctime>
 #include <functional>
@@ -46,8 +45,8 @@ std::string HttpDate(std::int64_t when) {
   struct tm parts;
   gmtime_r(&t, &parts);
   char buffer[64];
-  strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return buffer;
+  const std::size_t n = strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts);
+  return std::string(buffer, n);
 }
 
 class PassTest : public ::testing::Test {
@@ -74,7 +73,7 @@ class PassTest : public ::testing::Test {
 
   // A usage log `age` seconds old (by modification time).
   std::string AddLog(const std::string& name, const std::string& bytes, int age = 600) {
-    const std::string path = spool_ + "/" + name;
+    std::string path = spool_ + "/" + name;
     EXPECT_TRUE(ts::WriteFile(path, bytes));
     struct timespec times[2];
     times[0].tv_sec = times[1].tv_sec = std::time(nullptr) - age;
@@ -144,8 +143,8 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
       {R"({"status": 400})", true, 0},
       {R"({"status": 404})", true, 0},
       {R"({"status": 413})", true, 0},
-      {R"({"action": "close"})", false, 1},    // connection dropped after the request
-      {R"({"action": "garbage"})", false, 1},  // an answer that is not HTTP
+      {R"({"action": "close"})", false, 1},          // connection dropped after the request
+      {R"({"action": "garbage"})", false, 1},        // an answer that is not HTTP
       {R"({"status": 200, "delay": 3})", false, 1},  // no answer within the time limit
   };
   for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -175,7 +174,8 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   // Not usage logs, or not regular files: never sent, never deleted.
   ASSERT_TRUE(ts::MakeDirs(spool_ + "/ulog_A_B_dir_0.rdy"));
   AddLog("elsewhere.xml", "target", 500);
-  ASSERT_EQ(0, ::symlink((spool_ + "/elsewhere.xml").c_str(), (spool_ + "/ulog_A_B_l_0.xml").c_str()));
+  ASSERT_EQ(0,
+            ::symlink((spool_ + "/elsewhere.xml").c_str(), (spool_ + "/ulog_A_B_l_0.xml").c_str()));
   ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
   AddLog("ulog_A_B_c.txt", "other", 500);
 
@@ -262,8 +262,8 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
        }},
       {"Enabled 0", "",
        [&] {
-         return SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", 0,
-                                    PrefUser::kAnyUser, here);
+         return SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", 0, PrefUser::kAnyUser,
+                                    here);
        }},
       {"Kill", "[ulog]\nstatus=Kill\n", [] { return true; }},
       {"Hibernate until tomorrow", "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n",
@@ -287,8 +287,9 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
 
 TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
   // A pause that ended yesterday: the pass goes on and the file forgets it.
-  SetConfig("[ulog]\nstatus=Hibernate\nwakeupdate=2001-01-01\n"
-            "[hibernate]\nlumetryqx_appcrash=x|2999-01-01\nold_item=x|2001-01-01\n");
+  SetConfig(
+      "[ulog]\nstatus=Hibernate\nwakeupdate=2001-01-01\n"
+      "[hibernate]\nlumetryqx_appcrash=x|2999-01-01\nold_item=x|2001-01-01\n");
   AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy", "paused item");
   AddLog("ulog_Old_Item_K_1_0.rdy", "pause over");
   AddLog("ulog_Other_Thing_K_1_0.rdy", "never paused");
@@ -314,12 +315,18 @@ TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
   const std::string big = "[settings]\\nmaxretries=4\\n#" + std::string(70000, 'p');
   const std::vector<Case> cases = {
       {R"({"status": 200, "body": "[settings]\noperation=Merge\nmaxretries=4\n"})",
-       {"maxretries=4", "maxdiskspace=10", "operation=Merge"}, {"maxretries=3"}, true},
+       {"maxretries=4", "maxdiskspace=10", "operation=Merge"},
+       {"maxretries=3"},
+       true},
       {R"({"status": 200, "body": "[settings]\nurl=https://lumetry.quorvik.com/lumetry\n"})",
-       {"url=https://lumetry.quorvik.com/lumetry"}, {"maxdiskspace", "maxretries"}, true},
+       {"url=https://lumetry.quorvik.com/lumetry"},
+       {"maxdiskspace", "maxretries"},
+       true},
       {R"({"status": 200, "body": "[ulog]\nstatus=Kill\n"})", {"status=Kill"}, {}, false},
       {R"({"status": 200, "body": "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n"})",
-       {"status=Hibernate"}, {}, false},
+       {"status=Hibernate"},
+       {},
+       false},
       {"{\"status\": 200, \"body\": \"" + big + "\"}", {"maxretries=3"}, {"maxretries=4"}, true},
       {R"({"status": 500, "body": "[settings]\nmaxretries=4\n"})", {"maxretries=3"}, {}, true},
       {R"({"status": 200, "body": "\u0001\u0002[\u00ff=\n=\n[]"})", {}, {}, true},
@@ -382,7 +389,7 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   SetConfig("[settings]\nmaxdiskspace=5\n");
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser,
                                   PrefHost::kCurrentHost));  // budget only, no network
-  const std::string mib2(2 * 1024 * 1024, 'b');
+  const std::string mib2(std::size_t{2} * 1024 * 1024, 'b');
   const std::string locked = AddLog("ulog_A_B_1_0.rdy", mib2, 500);
   AddLog("ulog_A_B_2_0.rdy", mib2, 400);
   AddLog("ulog_A_B_3_0.rdy", mib2, 300);
@@ -394,8 +401,8 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   EXPECT_TRUE(InSpool("ulog_A_B_2_0.rdy"));
   const PassSummary summary = Run();
   EXPECT_EQ(1, summary.budgetDeleted);
-  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "ulog_A_B_1_0.rdy",
-                                      "ulog_A_B_3_0.rdy", "ulog_A_B_4_0.rdy"}),
+  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "ulog_A_B_1_0.rdy", "ulog_A_B_3_0.rdy",
+                                      "ulog_A_B_4_0.rdy"}),
             ts::ListNames(spool_));
   EXPECT_TRUE(server_.Requests().empty());
 }

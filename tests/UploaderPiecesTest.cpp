@@ -101,11 +101,11 @@ TEST(UploadRulesTest, StatusVerdictsAndItemNames) {
   }
 
   const std::vector<std::pair<std::string, bool>> names = {
-      {"ulog_a.rdy", true},       {"ulog_LumetryQX_AppCrash_k_1_0.xml", true},
-      {"ulog_.rdy", false},       {"ulog_a.rdy.tmp", false},
-      {"ulog_a.txt", false},      {"xulog_a.rdy", false},
-      {"Ulog_a.rdy", false},      {"ulog_a\nb.rdy", false},
-      {".ulog_a.rdy", false},     {"ulog_a.RDY", false},
+      {"ulog_a.rdy", true},   {"ulog_LumetryQX_AppCrash_k_1_0.xml", true},
+      {"ulog_.rdy", false},   {"ulog_a.rdy.tmp", false},
+      {"ulog_a.txt", false},  {"xulog_a.rdy", false},
+      {"Ulog_a.rdy", false},  {"ulog_a\nb.rdy", false},
+      {".ulog_a.rdy", false}, {"ulog_a.RDY", false},
   };
   for (const auto& [name, ok] : names) EXPECT_EQ(ok, IsUsageLogName(name)) << name;
 }
@@ -141,13 +141,14 @@ TEST(AttemptLedgerTest, DamagedOrHugeFilesReadAsWhatIsUsable) {
   ts::ScopedTempDir dir;
   const std::vector<std::pair<std::string, std::size_t>> cases = {
       {"3 10 ulog_a.rdy\n", 1},
-      {"3 10 ulog_a.rdy", 1},                  // no final line feed
-      {"3 10 ulog_a.rdy\r\n", 0},              // "ulog_a.rdy\r" is no usage-log name
+      {"3 10 ulog_a.rdy", 1},      // no final line feed
+      {"3 10 ulog_a.rdy\r\n", 0},  // "ulog_a.rdy\r" is no usage-log name
       {"x 10 ulog_a.rdy\n-1 10 ulog_b.rdy\n", 0},
       {"3 x ulog_a.rdy\n3  ulog_b.rdy\n", 0},
-      {"4294967296 1 ulog_a.rdy\n", 0},        // beyond 32 bits
+      {"4294967296 1 ulog_a.rdy\n", 0},  // beyond 32 bits
       {"3 10 not_a_log\n3 10\n3\n\n", 0},
-      {std::string(2 * 1024 * 1024, '\n') + "3 10 ulog_a.rdy\n", 0},  // over the size cap
+      {std::string(std::size_t{2} * 1024 * 1024, '\n') + "3 10 ulog_a.rdy\n",
+       0},  // over the size cap
       {std::string("\0\0\0", 3) + "\n5 5 ulog_z.xml\n", 1},
   };
   for (const auto& [text, records] : cases) {
@@ -187,7 +188,8 @@ TEST(OptionsTest, ParsesTheCommandLine) {
       {{"--x"}, ParseOutcome::kUsageError, "LogCourier2: unrecognized option '--x'"},
       {{"--x=1"}, ParseOutcome::kUsageError, "LogCourier2: unrecognized option '--x=1'"},
       {{"-q"}, ParseOutcome::kUsageError, "LogCourier2: invalid option -- 'q'"},
-      {{"--cacert"}, ParseOutcome::kUsageError,
+      {{"--cacert"},
+       ParseOutcome::kUsageError,
        "LogCourier2: option '--cacert' requires an argument"},
       {{"one", "two"}, ParseOutcome::kUsageError, "LogCourier2: unexpected argument 'two'"},
   };
@@ -195,18 +197,20 @@ TEST(OptionsTest, ParsesTheCommandLine) {
     std::vector<std::string> words = {"LogCourier2"};
     words.insert(words.end(), c.args.begin(), c.args.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (auto& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
     Options options;
     std::string error;
-    EXPECT_EQ(c.outcome, ParseOptions(static_cast<int>(words.size()), argv.data(), &options,
-                                      &error))
+    EXPECT_EQ(c.outcome,
+              ParseOptions(static_cast<int>(words.size()), argv.data(), &options, &error))
         << words.back();
     EXPECT_EQ(c.error, error) << words.back();
   }
-  std::vector<std::string> words = {"LogCourier2", "--dry-run", "launch", "--cacert", "ca.pem",
-                                    "--connect-to", "h:1:i:2", "-v"};
+  std::vector<std::string> words = {"LogCourier2", "--dry-run",    "launch",  "--cacert",
+                                    "ca.pem",      "--connect-to", "h:1:i:2", "-v"};
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (auto& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
   Options options;
