@@ -12,7 +12,7 @@ namespace Courier {
 
 struct Options {
   bool verbose = false;   // decisions and a summary on standard error
-  bool dryRun = false;    // decide everything, send, delete and write nothing
+  bool dryRun = false;    // decide everything; send, delete and record nothing
   std::string connectTo;  // curl's --connect-to HOST:PORT:HOST2:PORT2
   std::string caFile;     // trust these certificates instead of the system's
   std::string reason;     // why the pass was started, or ""

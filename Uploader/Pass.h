@@ -17,7 +17,7 @@ namespace Courier {
 class Reporter;
 
 struct PassSettings {
-  bool dryRun = false;  // decide everything; no request, no deletion, no write
+  bool dryRun = false;  // decide everything; no request, no deletion, no record changed
   std::string reason;   // why the pass was started (logged only)
   // Seconds since the epoch; the system clock when empty.
   std::function<std::int64_t()> clock;

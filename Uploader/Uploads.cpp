@@ -102,7 +102,8 @@ void UploadRun::Send(const SpoolEntry& entry) {
   SpoolFileLock lock = SpoolFileLock::TryLock(entry);
   if (!lock.IsHeld()) {
     ++context_.summary.busy;
-    Say(entry.name + " is still being written, left for a later pass", __LINE__);
+    Say(entry.name + " is still being written (or cannot be opened), left for a later pass",
+        __LINE__);
     return;
   }
   if (IsPaused(entry.name)) {

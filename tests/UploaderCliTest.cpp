@@ -2,7 +2,10 @@
 // against the HTTPS test server reached through --connect-to and --cacert.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -11,6 +14,8 @@
 #include "CourierTestServer.h"
 #include "Preferences.h"
 #include "TestSupport.h"
+
+extern char** environ;
 
 namespace {
 
@@ -126,6 +131,36 @@ TEST_F(UploaderCliTest, ServerDownOrUntrustedKeepsEverything) {
   ts::ReadFile(home_.Library() + "/Application Support/Quorvik/LogCourier2QX/LogCourier2.attempts",
                &ledger);
   EXPECT_EQ("", ledger);  // offline is no failed attempt
+}
+
+TEST_F(UploaderCliTest, KilledWhileWaitingTheNextPassFinishesTheWork) {
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_k_0.xml", "<x/>"));
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_l_0.xml", "<y/>"));
+  ASSERT_TRUE(server_.Script(R"({"/lumetry/UploadFile/": [{"status": 200, "delay": 5}]})"));
+  std::vector<std::string> args = {kProgram, "--connect-to", server_.ConnectToDefault(), "--cacert",
+                                   ts::SharedCertificates().caFile};
+  std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;  // HOME is the test's home, inherited
+  ASSERT_EQ(0, ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ));
+  for (int i = 0; i < 200 && server_.Requests().size() < 3; ++i) ::usleep(25000);
+  ASSERT_EQ(3u, server_.Requests().size());  // the first upload is out, its answer not yet
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+
+  ASSERT_TRUE(server_.Script(R"({"/lumetry/UploadFile/": [{"status": 200}]})"));
+  EXPECT_EQ(0, Run({}).status);  // the lock died with the process
+  std::vector<std::string> uploads;
+  for (const auto& r : server_.Requests()) {
+    if (r.method == "POST") uploads.push_back(ts::UploadedFileName(r));
+  }
+  // Only the file whose answer never arrived went out twice.
+  EXPECT_EQ((std::vector<std::string>{"ulog_A_B_k_0.xml", "ulog_A_B_k_0.xml", "ulog_A_B_l_0.xml"}),
+            uploads);
+  EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
 }
 
 TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {

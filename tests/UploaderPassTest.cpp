@@ -145,14 +145,14 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
       {R"({"status": 413})", true, 0},
       {R"({"action": "close"})", false, 1},          // connection dropped after the request
       {R"({"action": "garbage"})", false, 1},        // an answer that is not HTTP
-      {R"({"status": 200, "delay": 3})", false, 1},  // no answer within the time limit
+      {R"({"status": 200, "delay": 6})", false, 1},  // no answer within the time limit
   };
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const std::string name = "ulog_LumetryQX_AppCrash_K_" + std::to_string(i) + "_0.rdy";
     AddLog(name, "payload " + std::to_string(i));
     Script(Answers(kUpload, cases[i].answer));
     const auto before = server_.Requests().size();
-    Run(0, false, "", 1500);
+    Run(0, false, "", 2500);
     EXPECT_EQ(!cases[i].deleted, InSpool(name)) << cases[i].answer;
     EXPECT_EQ(cases[i].failures, Failures(name)) << cases[i].answer;
     // Exactly the three requests of a pass: a redirect is never followed.
