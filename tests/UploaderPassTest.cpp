@@ -1,129 +1,20 @@
 // Passes of the uploader library against a real HTTPS server on a loopback
-// port: what each server answer does to the spool, the attempt ledger and the
-// configuration, and what keeps the uploader from sending at all.
-#include <fcntl.h>
+// port: what each upload answer does to the spool and the attempt ledger, the
+// order of the uploads, retries, give-ups and Retry-After across passes.
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <ctime>
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "AttemptLedger.h"
-#include "CourierTestServer.h"
-#include "CurlTransport.h"
+#include "CourierPassFixture.h"
 #include "ExclusiveFile.h"
-#include "Mac/LogCourUtilsMac.h"
-#include "Pass.h"
-#include "Preferences.h"
-#include "Reporter.h"
-#include "TestSupport.h"
-#include "UploaderConfig.h"
 
 namespace {
 
-namespace ts = testing_support;
-using Courier::PassSummary;
-
-const std::string kDomain = "com.quorvik.lumetryqx";
-const std::string kDefaults =
-    "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
-    "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n";
-const std::string kUpload = "/lumetry/UploadFile/";
-const std::string kConfig = "/lumetry/GetConfig/";
-const std::string kPolicy = "/lumetry/GetTarvix/";
-
-std::string Answers(const std::string& path, const std::string& answers) {
-  return ts::JsonString(path) + ": [" + answers + "]";
-}
-
-std::string HttpDate(std::int64_t when) {
-  const time_t t = static_cast<time_t>(when);
-  struct tm parts;
-  gmtime_r(&t, &parts);
-  char buffer[64];
-  const std::size_t n = strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return std::string(buffer, n);
-}
-
-class PassTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    SetSystemPreferencesDirForTesting(system_.path());
-    ASSERT_TRUE(server_.Start());
-    spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
-    ASSERT_TRUE(ts::MakeDirs(spool_));
-    configDir_ = home_.Library() + "/Application Support/Quorvik/LogCourier2QX";
-    SetConfig("");
-  }
-  void TearDown() override { SetSystemPreferencesDirForTesting(""); }
-
-  void SetConfig(const std::string& extra) {
-    ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.cfg", kDefaults + extra));
-  }
-  std::string Config() const {
-    std::string text;
-    ts::ReadFile(configDir_ + "/LogCourier2.cfg", &text);
-    return text;
-  }
-  void Script(const std::string& body) { ASSERT_TRUE(server_.Script("{" + body + "}")); }
-
-  // A usage log `age` seconds old (by modification time).
-  std::string AddLog(const std::string& name, const std::string& bytes, int age = 600) {
-    std::string path = spool_ + "/" + name;
-    EXPECT_TRUE(ts::WriteFile(path, bytes));
-    struct timespec times[2];
-    times[0].tv_sec = times[1].tv_sec = std::time(nullptr) - age;
-    times[0].tv_nsec = times[1].tv_nsec = 0;
-    EXPECT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
-    return path;
-  }
-  bool InSpool(const std::string& name) const { return ts::PathExists(spool_ + "/" + name); }
-
-  PassSummary Run(std::int64_t now = 0, bool dryRun = false, std::string caFile = "",
-                  long totalMs = 20000) {
-    Courier::PassSettings settings;
-    settings.dryRun = dryRun;
-    if (now != 0) settings.clock = [now] { return now; };
-    if (caFile.empty()) caFile = ts::SharedCertificates().caFile;
-    settings.makeTransport = [this, caFile, totalMs] {
-      Courier::TransportSettings transport;
-      transport.userAgent = "LogCourier2/test (Linux)";
-      transport.machineId = "TEST-MACHINE";
-      transport.connectTo = server_.ConnectTo();
-      transport.caFile = caFile;
-      transport.connectTimeoutMs = 5000;
-      transport.totalTimeoutMs = totalMs;
-      return Courier::MakeCurlTransport(transport);
-    };
-    Courier::Reporter report(false, nullptr);
-    return Courier::RunPass(settings, report);
-  }
-
-  // The failed attempts counted for `name` (0 when it has no record).
-  std::uint32_t Failures(const std::string& name) const {
-    const auto ledger = Courier::AttemptLedger::Load(configDir_ + "/LogCourier2.attempts");
-    const Courier::Attempts* attempts = ledger.Find(name);
-    return attempts == nullptr ? 0 : attempts->failures;
-  }
-
-  std::vector<std::string> Uploaded() const {
-    std::vector<std::string> names;
-    for (const auto& r : server_.Requests()) {
-      if (r.method == "POST") names.push_back(ts::UploadedFileName(r));
-    }
-    return names;
-  }
-
-  ts::ScopedHome home_;
-  ts::ScopedTempDir system_;
-  ts::CourierTestServer server_;
-  std::string spool_;
-  std::string configDir_;
-};
+using namespace courier_test;
 
 TEST_F(PassTest, ServerAnswerDecidesTheFile) {
   struct Case {
@@ -245,146 +136,6 @@ TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
   }
 }
 
-TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
-  struct Case {
-    std::string what;
-    std::string config;
-    std::function<bool()> set;
-  };
-  const auto user = PrefUser::kCurrentUser;
-  const auto here = PrefHost::kCurrentHost;
-  const std::vector<Case> cases = {
-      {"send 0", "", [&] { return SetPreferenceNumber("send", kDomain, 0, user, here); }},
-      {"optin 0", "",
-       [&] {
-         return SetPreferenceString("PersonGUID", kDomain, "P-7", user, here) &&
-                SetPreferenceDictionaryNumber("P-7", "optin", kDomain, 0, user, here);
-       }},
-      {"Enabled 0", "",
-       [&] {
-         return SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", 0, PrefUser::kAnyUser,
-                                    here);
-       }},
-      {"Kill", "[ulog]\nstatus=Kill\n", [] { return true; }},
-      {"Hibernate until tomorrow", "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n",
-       [] { return true; }},
-  };
-  AddLog("ulog_A_B_k_0.rdy", "x");
-  for (const Case& c : cases) {
-    ts::ScopedTempDir system;  // a fresh any-user store per case
-    SetSystemPreferencesDirForTesting(system.path());
-    ::unlink(PreferenceFilePath(kDomain, user, here).c_str());  // the user's switches back on
-    SetConfig(c.config);
-    ASSERT_TRUE(c.set()) << c.what;
-    const PassSummary summary = Run();
-    EXPECT_EQ(0, summary.requests) << c.what;
-    EXPECT_FALSE(summary.quietReason.empty()) << c.what;
-    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy")) << c.what;
-    EXPECT_TRUE(server_.Requests().empty()) << c.what;
-    SetSystemPreferencesDirForTesting(system_.path());
-  }
-}
-
-TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
-  // A pause that ended yesterday: the pass goes on and the file forgets it.
-  SetConfig(
-      "[ulog]\nstatus=Hibernate\nwakeupdate=2001-01-01\n"
-      "[hibernate]\nlumetryqx_appcrash=x|2999-01-01\nold_item=x|2001-01-01\n");
-  AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy", "paused item");
-  AddLog("ulog_Old_Item_K_1_0.rdy", "pause over");
-  AddLog("ulog_Other_Thing_K_1_0.rdy", "never paused");
-  const PassSummary summary = Run();
-  EXPECT_EQ(1, summary.paused);
-  EXPECT_EQ((std::vector<std::string>{"ulog_Old_Item_K_1_0.rdy", "ulog_Other_Thing_K_1_0.rdy"}),
-            Uploaded());
-  EXPECT_TRUE(InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy"));
-  const std::string config = Config();
-  EXPECT_NE(std::string::npos, config.find("status=Active")) << config;
-  EXPECT_EQ(std::string::npos, config.find("wakeupdate")) << config;
-  EXPECT_EQ(std::string::npos, config.find("old_item")) << config;
-  EXPECT_NE(std::string::npos, config.find("lumetryqx_appcrash=x|2999-01-01")) << config;
-}
-
-TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
-  struct Case {
-    std::string answer;
-    std::vector<std::string> present;  // lines expected in the saved file
-    std::vector<std::string> absent;
-    bool uploads;
-  };
-  const std::string big = "[settings]\\nmaxretries=4\\n#" + std::string(70000, 'p');
-  const std::vector<Case> cases = {
-      {R"({"status": 200, "body": "[settings]\noperation=Merge\nmaxretries=4\n"})",
-       {"maxretries=4", "maxdiskspace=10", "operation=Merge"},
-       {"maxretries=3"},
-       true},
-      {R"({"status": 200, "body": "[settings]\nurl=https://lumetry.quorvik.com/lumetry\n"})",
-       {"url=https://lumetry.quorvik.com/lumetry"},
-       {"maxdiskspace", "maxretries"},
-       true},
-      {R"({"status": 200, "body": "[ulog]\nstatus=Kill\n"})", {"status=Kill"}, {}, false},
-      {R"({"status": 200, "body": "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n"})",
-       {"status=Hibernate"},
-       {},
-       false},
-      {"{\"status\": 200, \"body\": \"" + big + "\"}", {"maxretries=3"}, {"maxretries=4"}, true},
-      {R"({"status": 500, "body": "[settings]\nmaxretries=4\n"})", {"maxretries=3"}, {}, true},
-      {R"({"status": 200, "body": "\u0001\u0002[\u00ff=\n=\n[]"})", {}, {}, true},
-  };
-  for (const Case& c : cases) {
-    SetConfig("");
-    AddLog("ulog_A_B_k_0.rdy", "x");
-    Script(Answers(kConfig, c.answer));
-    const auto before = server_.RequestLines().size();
-    const PassSummary summary = Run();
-    const std::string config = Config();
-    for (const auto& line : c.present) EXPECT_NE(std::string::npos, config.find(line)) << config;
-    for (const auto& line : c.absent) EXPECT_EQ(std::string::npos, config.find(line)) << config;
-    EXPECT_EQ(!c.uploads, InSpool("ulog_A_B_k_0.rdy")) << c.answer;
-    // A Kill or Hibernate received in the pass ends every further request.
-    EXPECT_EQ(c.uploads ? 3u : 1u, server_.RequestLines().size() - before) << c.answer;
-    EXPECT_TRUE(summary.ran);
-  }
-}
-
-TEST_F(PassTest, ReAddressedServerIsUsedInTheSamePass) {
-  Script(Answers(kConfig, R"({"status": 200,
-      "body": "[settings]\noperation=Merge\nurl=https://up.quorvik.com/other\n"})"));
-  AddLog("ulog_A_B_k_0.rdy", "x");
-  Run();
-  EXPECT_EQ((std::vector<std::string>{"GET " + kConfig, "GET /other/GetTarvix/",
-                                      "POST /other/UploadFile/"}),
-            server_.RequestLines());
-}
-
-TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
-  const std::string path = GetTarvixPolicyPath();
-  const std::string policy = "<policy>one</policy>\n";
-  struct Case {
-    std::string answer;
-    std::string expected;
-  };
-  const std::vector<Case> cases = {
-      {"{\"status\": 200, \"body\": " + ts::JsonString(policy) + "}", policy},
-      {R"({"status": 204})", policy},
-      {R"({"status": 404})", policy},
-      {R"({"status": 500, "body": "broken"})", policy},
-      {R"({"status": 200, "body_size": 1048577})", policy},  // one byte over the cap
-      {R"({"action": "close"})", policy},
-      {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')},
-  };
-  for (const Case& c : cases) {
-    Script(Answers(kPolicy, c.answer));
-    Run();
-    std::string stored;
-    EXPECT_TRUE(ts::ReadFile(path, &stored)) << c.answer;
-    EXPECT_TRUE(stored == c.expected) << c.answer << " gave " << stored.size() << " bytes";
-    // Written through a temporary file that is renamed: none is left behind.
-    EXPECT_EQ(std::vector<std::string>{"tarvix_policy.xml"},
-              ts::ListNames(path.substr(0, path.rfind('/'))));
-  }
-}
-
 TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   SetConfig("[settings]\nmaxdiskspace=5\n");
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser,
@@ -405,30 +156,6 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
                                       "ulog_A_B_4_0.rdy"}),
             ts::ListNames(spool_));
   EXPECT_TRUE(server_.Requests().empty());
-}
-
-TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
-  const std::string sneaky = "https://evil.example.org/x?https://a.quorvik.com/";
-  ASSERT_TRUE(Uploader::IsAllowedServerUrl(sneaky));  // the unanchored patterns let it by
-  SetConfig("[settings]\nurl=" + sneaky + "\n");
-  AddLog("ulog_A_B_k_0.rdy", "x");
-  PassSummary summary = Run();
-  EXPECT_EQ(0, summary.requests);
-  EXPECT_NE(std::string::npos, summary.quietReason.find("not allowed")) << summary.quietReason;
-
-  SetConfig("");
-  summary = Run(0, false, ts::SharedCertificates().otherCaFile);
-  EXPECT_EQ(1, summary.requests);  // the configuration request fails its handshake: no more
-  EXPECT_TRUE(server_.Requests().empty());
-  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
-  EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
-
-  server_.Stop();  // the server is down: one refused connection ends the pass
-  summary = Run();
-  EXPECT_EQ(1, summary.requests);
-  EXPECT_NE(std::string::npos, summary.stopReason.find("cannot be reached"));
-  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
-  EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
 }
 
 TEST_F(PassTest, DamagedLedgerIsToleratedAndForgottenFilesDropped) {
