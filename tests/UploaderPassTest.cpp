@@ -1,6 +1,7 @@
 // Passes of the uploader library against a real HTTPS server on a loopback
 // port: what each upload answer does to the spool and the attempt ledger, the
-// order of the uploads, retries, give-ups and Retry-After across passes.
+// order of the uploads, retries, give-ups and Retry-After across passes, the
+// disk budget and a damaged ledger.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

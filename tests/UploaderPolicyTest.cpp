@@ -1,6 +1,6 @@
 // Passes of the uploader library against a real HTTPS server: the privacy
 // switches and the server's status that keep it from sending, configuration
-// and policy answers, the disk budget and the address checks.
+// and policy answers, and the address checks.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "CourierPassFixture.h"
-#include "ExclusiveFile.h"
 #include "Mac/LogCourUtilsMac.h"
 #include "UploaderConfig.h"
 
