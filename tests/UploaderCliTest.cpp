@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "CourierTestServer.h"
+#include "Mac/LogCourUtilsMac.h"
 #include "Preferences.h"
 #include "TestSupport.h"
 
@@ -161,6 +162,25 @@ TEST_F(UploaderCliTest, KilledWhileWaitingTheNextPassFinishesTheWork) {
   EXPECT_EQ((std::vector<std::string>{"ulog_A_B_k_0.xml", "ulog_A_B_k_0.xml", "ulog_A_B_l_0.xml"}),
             uploads);
   EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
+}
+
+TEST(UploaderInstallTest, InstallsWhereTheLauncherLooks) {
+  ts::ScopedTempDir prefix;
+  const ts::RunResult install = ts::RunProgram(
+      {CMAKE_PROGRAM, "--install", BUILD_DIR, "--prefix", prefix.path(), "--component", "courier"});
+  ASSERT_EQ(0, install.status) << install.out << install.err;
+  const std::string program = prefix.Sub("lib/lumetry/LogCourier2.app/Contents/MacOS/LogCourier2");
+  EXPECT_EQ("LogCourier2 " LUMETRY_TEST_VERSION "\n", ts::RunProgram({program, "--version"}).out);
+  SetUploaderLocationHint(prefix.Sub("lib/lumetry/").c_str());  // as a host application does
+  EXPECT_EQ(program, LocateUploaderExecutable());
+
+  std::string service;
+  ASSERT_TRUE(ts::ReadFile(prefix.Sub("lib/systemd/user/logcourier2.service"), &service));
+  EXPECT_NE(std::string::npos, service.find("\nExecStart=" + program + " service\n")) << service;
+  std::string path;
+  ASSERT_TRUE(ts::ReadFile(prefix.Sub("lib/systemd/user/logcourier2.path"), &path));
+  EXPECT_NE(std::string::npos, path.find("\nPathChanged=%h/Library/Logs/Quorvik/LogCourier2QX\n"));
+  EXPECT_TRUE(ts::PathExists(prefix.Sub("lib/systemd/user/logcourier2.timer")));
 }
 
 TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
