@@ -81,26 +81,6 @@ std::string ResolveLink(const std::string& path) {
   return real ? std::string(real.get()) : path;
 }
 
-// Reads `fd` to its end into `contents`, refusing more than `max_bytes`.
-ReadStatus ReadCapped(int fd, std::size_t max_bytes, std::string* contents, int& error) {
-  std::string data;
-  char buffer[16384];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = errno;
-      return ReadStatus::kError;
-    }
-    if (got == 0) break;
-    // Files that report no size (/proc, sysfs, pipes) are capped as they are read.
-    if (data.size() + static_cast<std::size_t>(got) > max_bytes) return ReadStatus::kTooLarge;
-    data.append(buffer, static_cast<std::size_t>(got));
-  }
-  contents->swap(data);
-  return ReadStatus::kOk;
-}
-
 }  // namespace
 
 ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents, int* error_number) {
@@ -120,7 +100,7 @@ ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents, int* 
     error = EISDIR;
     return ReadStatus::kNotRegular;
   }
-  return ReadCapped(STDIN_FILENO, max_bytes, contents, error);
+  return posix_io::ReadAll(STDIN_FILENO, max_bytes, contents, &error);
 }
 
 ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
@@ -148,7 +128,7 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
     return ReadStatus::kNotRegular;
   }
   if (static_cast<unsigned long long>(st.st_size) > max_bytes) return ReadStatus::kTooLarge;
-  return ReadCapped(fd.get(), max_bytes, contents, error);
+  return posix_io::ReadAll(fd.get(), max_bytes, contents, &error);
 }
 
 std::string TemporaryPrefix(const std::string& name) { return "." + name + ".tmp-"; }

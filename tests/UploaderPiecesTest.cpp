@@ -1,0 +1,225 @@
+// The uploader's pieces on their own: the strict address check, Retry-After,
+// what an upload answer means, usage-log names, the attempt ledger's file and
+// the command line.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "AttemptLedger.h"
+#include "Options.h"
+#include "RetryAfter.h"
+#include "ServerAddress.h"
+#include "SpoolScan.h"
+#include "TestSupport.h"
+#include "Uploads.h"
+
+namespace {
+
+namespace ts = testing_support;
+using namespace Courier;
+
+TEST(ServerAddressTest, OnlyTheMakersHttpsHostsAndLocalHttp) {
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"https://lumetry.quorvik.com/lumetry", true},
+      {"https://a.b.quorvik.com/x/", true},
+      {"https://a.quorvik.com:8443/x/", false},  // the patterns want the path after the domain
+      {"https://LUMETRY.Quorvik.COM/lumetry?https://a.quorvik.com/", true},
+      {"http://localhost/lumetry", true},
+      {"http://lumetry.quorvik.com/lumetry", false},  // plain http only to localhost
+      {"https://localhost/lumetry?https://a.quorvik.com/", false},
+      {"https://evil.org/x?https://a.quorvik.com/", false},
+      {"https://quorvik.com.evil.org/?https://a.quorvik.com/", false},
+      {"https://evilquorvik.com/?https://a.quorvik.com/", false},
+      {"https://user@a.quorvik.com/", false},
+      {"https://user:pw@a.quorvik.com/", false},
+      {"ftp://a.quorvik.com/?https://a.quorvik.com/", false},
+      {"xhttps://a.quorvik.com/", false},
+      {"https://a.quorvik.com", false},  // the configuration's patterns want a path
+      {"", false},
+      {"https://[::1]/?https://a.quorvik.com/", false},
+  };
+  for (const auto& [url, allowed] : cases) EXPECT_EQ(allowed, IsStrictServerUrl(url)) << url;
+}
+
+TEST(RetryAfterTest, SecondsOrHttpDateCapped) {
+  const std::int64_t now = 1700000000;  // Tue, 14 Nov 2023 22:13:20 GMT
+  struct Case {
+    std::string value;
+    bool ok;
+    std::int64_t until;
+  };
+  const std::vector<Case> cases = {
+      {"120", true, now + 120},
+      {"0", true, now},
+      {"99999999999999999999999", true, now + kMaxRetryAfterSeconds},
+      {"Tue, 14 Nov 2023 22:15:20 GMT", true, now + 120},
+      {"Tuesday, 14-Nov-23 22:15:20 GMT", true, now + 120},
+      {"Tue, 14 Nov 2023 22:00:00 GMT", true, now},  // already past
+      {"Tue, 14 Nov 2033 22:00:00 GMT", true, now + kMaxRetryAfterSeconds},
+      {"", false, -1},
+      {"-5", false, -1},
+      {"soon", false, -1},
+  };
+  for (const Case& c : cases) {
+    std::int64_t until = -1;
+    EXPECT_EQ(c.ok, RetryAfterUntil(c.value, now, &until)) << c.value;
+    EXPECT_EQ(c.until, until) << c.value;
+  }
+}
+
+TEST(UploadRulesTest, StatusVerdictsAndItemNames) {
+  const std::vector<std::pair<long, UploadVerdict>> verdicts = {
+      {200, UploadVerdict::kAccepted}, {204, UploadVerdict::kAccepted},
+      {299, UploadVerdict::kAccepted}, {301, UploadVerdict::kRetry},
+      {304, UploadVerdict::kRetry},    {408, UploadVerdict::kRetry},
+      {429, UploadVerdict::kRetry},    {500, UploadVerdict::kRetry},
+      {599, UploadVerdict::kRetry},    {100, UploadVerdict::kRetry},
+      {0, UploadVerdict::kRetry},      {700, UploadVerdict::kRetry},
+      {400, UploadVerdict::kRefused},  {401, UploadVerdict::kRefused},
+      {404, UploadVerdict::kRefused},  {409, UploadVerdict::kRefused},
+      {499, UploadVerdict::kRefused},
+  };
+  for (const auto& [status, verdict] : verdicts) {
+    EXPECT_EQ(verdict, VerdictForStatus(status)) << status;
+  }
+
+  const std::vector<std::tuple<std::string, bool, std::string, std::string>> items = {
+      {"ulog_LumetryQX_AppCrash_K7F3_S1_0.rdy", true, "LumetryQX", "AppCrash"},
+      {"ulog_A__x.xml", true, "A", ""},
+      {"ulog_A_B.xml", false, "", ""},
+      {"ulog.xml", false, "", ""},
+  };
+  for (const auto& [name, ok, family, item] : items) {
+    std::string f;
+    std::string i;
+    EXPECT_EQ(ok, ItemOfName(name, &f, &i)) << name;
+    EXPECT_EQ(family, f) << name;
+    EXPECT_EQ(item, i) << name;
+  }
+
+  const std::vector<std::pair<std::string, bool>> names = {
+      {"ulog_a.rdy", true},   {"ulog_LumetryQX_AppCrash_k_1_0.xml", true},
+      {"ulog_.rdy", false},   {"ulog_a.rdy.tmp", false},
+      {"ulog_a.txt", false},  {"xulog_a.rdy", false},
+      {"Ulog_a.rdy", false},  {"ulog_a\nb.rdy", false},
+      {".ulog_a.rdy", false}, {"ulog_a.RDY", false},
+  };
+  for (const auto& [name, ok] : names) EXPECT_EQ(ok, IsUsageLogName(name)) << name;
+}
+
+TEST(AttemptLedgerTest, SurvivesARoundTripAndKeepsOnlyWhatIsAsked) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("ledger");
+  AttemptLedger ledger = AttemptLedger::Load(path);  // no file yet
+  EXPECT_FALSE(ledger.changed());
+  EXPECT_TRUE(ledger.SaveIfChanged());
+  EXPECT_FALSE(ts::PathExists(path));  // nothing changed, nothing written
+  EXPECT_EQ(1u, ledger.RecordFailure("ulog_a_b_1.rdy", 100));
+  EXPECT_EQ(2u, ledger.RecordFailure("ulog_a_b_1.rdy", 200));
+  EXPECT_EQ(1u, ledger.RecordFailure("ulog_c d_e.xml", 300));  // blanks in a name are fine
+  ledger.RecordFailure("ulog_gone.xml", 50);
+  ledger.SetNotBefore(12345);
+  ledger.KeepOnly({"ulog_a_b_1.rdy", "ulog_c d_e.xml"});
+  ASSERT_TRUE(ledger.SaveIfChanged());
+  std::string text;
+  ASSERT_TRUE(ts::ReadFile(path, &text));
+  EXPECT_EQ("notbefore 12345\n2 200 ulog_a_b_1.rdy\n1 300 ulog_c d_e.xml\n", text);
+
+  const AttemptLedger again = AttemptLedger::Load(path);
+  ASSERT_NE(nullptr, again.Find("ulog_c d_e.xml"));
+  EXPECT_EQ(300, again.Find("ulog_c d_e.xml")->lastFailure);
+  EXPECT_EQ(2u, again.Find("ulog_a_b_1.rdy")->failures);
+  EXPECT_EQ(12345, again.notBefore());
+  EXPECT_EQ(nullptr, again.Find("ulog_gone.xml"));
+  EXPECT_FALSE(again.changed());
+}
+
+TEST(AttemptLedgerTest, DamagedOrHugeFilesReadAsWhatIsUsable) {
+  ts::ScopedTempDir dir;
+  const std::vector<std::pair<std::string, std::size_t>> cases = {
+      {"3 10 ulog_a.rdy\n", 1},
+      {"3 10 ulog_a.rdy", 1},      // no final line feed
+      {"3 10 ulog_a.rdy\r\n", 0},  // "ulog_a.rdy\r" is no usage-log name
+      {"x 10 ulog_a.rdy\n-1 10 ulog_b.rdy\n", 0},
+      {"3 x ulog_a.rdy\n3  ulog_b.rdy\n", 0},
+      {"4294967296 1 ulog_a.rdy\n", 0},  // beyond 32 bits
+      {"3 10 not_a_log\n3 10\n3\n\n", 0},
+      {std::string(std::size_t{2} * 1024 * 1024, '\n') + "3 10 ulog_a.rdy\n",
+       0},  // over the size cap
+      {std::string("\0\0\0", 3) + "\n5 5 ulog_z.xml\n", 1},
+  };
+  for (const auto& [text, records] : cases) {
+    ASSERT_TRUE(ts::WriteFile(dir.Sub("ledger"), text));
+    const AttemptLedger ledger = AttemptLedger::Load(dir.Sub("ledger"));
+    const std::string saved = ledger.Serialize();
+    EXPECT_EQ(records, static_cast<std::size_t>(std::count(saved.begin(), saved.end(), '\n')))
+        << saved;
+  }
+  // Too many records: the most recent failures are kept, within the cap.
+  std::string many;
+  for (std::size_t i = 0; i < AttemptLedger::kMaxEntries + 10; ++i) {
+    many += "1 " + std::to_string(1000 + i) + " ulog_" + std::to_string(100000 + i) + ".rdy\n";
+  }
+  ASSERT_TRUE(ts::WriteFile(dir.Sub("ledger"), many));
+  AttemptLedger ledger = AttemptLedger::Load(dir.Sub("ledger"));
+  ledger.RecordFailure("ulog_fresh.rdy", 999999);
+  const std::string saved = ledger.Serialize();
+  EXPECT_EQ(AttemptLedger::kMaxEntries,
+            static_cast<std::size_t>(std::count(saved.begin(), saved.end(), '\n')));
+  EXPECT_NE(std::string::npos, saved.find("ulog_fresh.rdy"));
+  EXPECT_EQ(std::string::npos, saved.find("ulog_100000.rdy"));
+}
+
+TEST(OptionsTest, ParsesTheCommandLine) {
+  struct Case {
+    std::vector<std::string> args;
+    ParseOutcome outcome;
+    std::string error;  // for usage errors
+  };
+  const std::vector<Case> cases = {
+      {{}, ParseOutcome::kRun, ""},
+      {{"--verbose", "--dry-run", "crash"}, ParseOutcome::kRun, ""},
+      {{"--connect-to", "a:1:b:2", "--cacert=/x"}, ParseOutcome::kRun, ""},
+      {{"--help"}, ParseOutcome::kHelp, ""},
+      {{"--version"}, ParseOutcome::kVersion, ""},
+      {{"--x"}, ParseOutcome::kUsageError, "LogCourier2: unrecognized option '--x'"},
+      {{"--x=1"}, ParseOutcome::kUsageError, "LogCourier2: unrecognized option '--x=1'"},
+      {{"-q"}, ParseOutcome::kUsageError, "LogCourier2: invalid option -- 'q'"},
+      {{"--cacert"},
+       ParseOutcome::kUsageError,
+       "LogCourier2: option '--cacert' requires an argument"},
+      {{"one", "two"}, ParseOutcome::kUsageError, "LogCourier2: unexpected argument 'two'"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> words = {"LogCourier2"};
+    words.insert(words.end(), c.args.begin(), c.args.end());
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (auto& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    Options options;
+    std::string error;
+    EXPECT_EQ(c.outcome,
+              ParseOptions(static_cast<int>(words.size()), argv.data(), &options, &error))
+        << words.back();
+    EXPECT_EQ(c.error, error) << words.back();
+  }
+  std::vector<std::string> words = {"LogCourier2", "--dry-run",    "launch",  "--cacert",
+                                    "ca.pem",      "--connect-to", "h:1:i:2", "-v"};
+  std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
+  for (auto& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  Options options;
+  std::string error;
+  ASSERT_EQ(ParseOutcome::kRun, ParseOptions(8, argv.data(), &options, &error));
+  EXPECT_TRUE(options.dryRun && options.verbose);
+  EXPECT_EQ("launch", options.reason);
+  EXPECT_EQ("ca.pem", options.caFile);
+  EXPECT_EQ("h:1:i:2", options.connectTo);
+}
+
+}  // namespace
