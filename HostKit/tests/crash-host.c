@@ -1,0 +1,182 @@
+/* A host program for the crash tests: it opens a session with the host kit,
+ * installs the crash hook and dies of a real fatal signal, with options for
+ * the situations the tests set up (an allocating thread, an application
+ * handler installed first, a pause before the crash, core dumps on or off).
+ * It prints its pid and session file path, one per line, before crashing. */
+#define _GNU_SOURCE
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "HostInternal.h"
+#include "lumetry/host.h"
+
+static const char *app_marker_path;
+
+/* The application's own handler: leaves a marker, then dies of the signal. */
+static void app_handler(int sig) {
+  const int fd = open(app_marker_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    char text[32];
+    const int length = snprintf(text, sizeof text, "app handler %d\n", sig);
+    if (length > 0 && write(fd, text, (size_t)length) < 0) _exit(99);
+    close(fd);
+  }
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+static void *allocate_forever(void *unused) {
+  (void)unused;
+  for (size_t round = 0;; ++round) {
+    void *block = malloc(16 + (round % 4096));
+    if (block != NULL) memset(block, 1, 16);
+    free(block);
+  }
+  return NULL;
+}
+
+/* A seccomp filter that answers one unused system call number with SIGSYS. */
+enum { kTrappedSyscall = 4000 };
+static int trap_one_syscall(void) {
+  struct sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kTrappedSyscall, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  struct sock_fprog program = {.len = (unsigned short)(sizeof code / sizeof code[0]),
+                               .filter = code};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
+  return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+/* Dies of `sig` the way real programs do; raise() only where the machine has
+ * no instruction that faults that way. */
+static void crash(int sig) {
+  volatile int zero = 0;
+  volatile int *volatile nowhere = NULL;
+  switch (sig) {
+    case SIGSEGV: *nowhere = 1; break;
+    case SIGBUS: {
+      /* Touching a mapped page beyond the end of an empty file. */
+      const int fd = (int)syscall(SYS_memfd_create, "crash-host", 0);
+      volatile char *page = mmap(NULL, 4096, PROT_READ, MAP_SHARED, fd, 0);
+      if (page != MAP_FAILED) zero = page[0];
+      break;
+    }
+#if defined(__x86_64__) || defined(__i386__)
+    case SIGILL: __asm__ volatile("ud2"); break;
+    case SIGTRAP: __asm__ volatile("int3"); break;
+    case SIGFPE: zero = 1 / zero; break;
+#endif
+    case SIGABRT: abort();
+    case SIGSYS:
+      if (trap_one_syscall() == 0) syscall(kTrappedSyscall);
+      break;
+    default: break;
+  }
+  raise(sig);
+}
+
+static int signal_number(const char *name) {
+  static const struct {
+    const char *name;
+    int number;
+  } kNames[] = {{"segv", SIGSEGV}, {"bus", SIGBUS},   {"ill", SIGILL}, {"fpe", SIGFPE},
+                {"abrt", SIGABRT}, {"trap", SIGTRAP}, {"sys", SIGSYS}};
+  for (size_t i = 0; i < sizeof kNames / sizeof kNames[0]; ++i) {
+    if (strcmp(kNames[i].name, name) == 0) return kNames[i].number;
+  }
+  return 0;
+}
+
+int main(int argc, char *argv[]) {
+  static const struct option kOptions[] = {
+      {"processor", required_argument, NULL, 'p'}, {"signal", required_argument, NULL, 's'},
+      {"session-id", required_argument, NULL, 'i'}, {"product", required_argument, NULL, 'n'},
+      {"app-handler", required_argument, NULL, 'a'}, {"wait-limit-ms", required_argument, NULL, 'w'},
+      {"no-kit", no_argument, NULL, 'K'},           {"end-first", no_argument, NULL, 'E'},
+      {"malloc-thread", no_argument, NULL, 'M'},    {"wait-stdin", no_argument, NULL, 'S'},
+      {"core", no_argument, NULL, 'C'},             {NULL, 0, NULL, 0}};
+  const char *processor = NULL;
+  int sig = 0;
+  char session_id[64];
+  snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
+  const char *product = "crash-host";
+  int use_kit = 1, end_first = 0, malloc_thread = 0, wait_stdin = 0, core = 0;
+  int opt;
+  while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
+    switch (opt) {
+      case 'p': processor = optarg; break;
+      case 's': sig = signal_number(optarg); break;
+      case 'i': snprintf(session_id, sizeof session_id, "%s", optarg); break;
+      case 'n': product = optarg; break;
+      case 'a': app_marker_path = optarg; break;
+      case 'w': lh_set_wait_limit_ms((unsigned)strtoul(optarg, NULL, 10)); break;
+      case 'K': use_kit = 0; break;
+      case 'E': end_first = 1; break;
+      case 'M': malloc_thread = 1; break;
+      case 'S': wait_stdin = 1; break;
+      case 'C': core = 1; break;
+      default: return 2;
+    }
+  }
+  if (sig == 0 || (use_kit && processor == NULL)) {
+    fprintf(stderr, "crash-host: --signal NAME and --processor PATH are needed\n");
+    return 2;
+  }
+
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_CORE, &limit) == 0) {
+    limit.rlim_cur = core ? limit.rlim_max : 0;
+    setrlimit(RLIMIT_CORE, &limit);
+  }
+  if (app_marker_path != NULL) signal(sig, app_handler);
+
+  if (use_kit) {
+    int rc = lumetry_host_install_crash_handler(processor);
+    const lumetry_host_session session = {.product_family = "HostKitTest",
+                                          .product_name = "CrashHost",
+                                          .session_id = session_id,
+                                          .log_name_key = "K1",
+                                          .process_name = product};
+    if (rc == 0) rc = lumetry_host_begin(&session);
+    if (rc != 0) {
+      fprintf(stderr, "crash-host: %s\n", strerror(-rc));
+      return 3;
+    }
+    printf("%ld\n%s\n", (long)getpid(), lumetry_host_session_path());
+    if (end_first && lumetry_host_end() != 0) return 4;
+  } else {
+    printf("%ld\n\n", (long)getpid());
+  }
+  fflush(stdout);
+
+  if (wait_stdin) {
+    char go;
+    if (read(0, &go, 1) < 0) return 5;
+  }
+  if (malloc_thread) {
+    pthread_t thread;
+    if (pthread_create(&thread, NULL, allocate_forever, NULL) != 0) return 6;
+    const struct timespec settle = {0, 50 * 1000000L};
+    nanosleep(&settle, NULL);
+  }
+  crash(sig);
+  return 7;
+}
