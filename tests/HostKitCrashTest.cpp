@@ -41,6 +41,7 @@ class HostProcess {
   explicit HostProcess(std::vector<std::string> args, const std::string& cwd = "") {
     args.insert(args.begin(), HOSTKIT_CRASH_HOST);
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     int in[2];
@@ -96,9 +97,7 @@ class HostProcess {
 
 class HostKitCrashTest : public ::testing::Test {
  protected:
-  std::string SessionDir() const {
-    return home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo";
-  }
+  std::string SessionDir() const { return home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo"; }
   std::string SpoolDir() const { return home_.Library() + "/Logs/Quorvik/LogCourier2QX"; }
   static std::string LogName(const std::string& sessionId) {
     return "ulog_LumetryQX_AppCrash_K1_" + sessionId + "_0.rdy";
@@ -118,7 +117,8 @@ class HostKitCrashTest : public ::testing::Test {
   }
   void ExpectOneCrashLog(const std::string& sessionId) {
     EXPECT_EQ(ListNames(SpoolDir()), std::vector<std::string>{LogName(sessionId)});
-    EXPECT_EQ(Decoded(sessionId), CrashDocument(sessionId, "HostKitTest", "CrashHost", MachineId()));
+    EXPECT_EQ(Decoded(sessionId),
+              CrashDocument(sessionId, "HostKitTest", "CrashHost", MachineId()));
   }
   static void ExpectKilledBy(int status, int sig) {
     ASSERT_TRUE(WIFSIGNALED(status)) << "status " << status;
@@ -236,8 +236,8 @@ TEST_F(HostKitCrashTest, PidTrapConsumesOnlyTheCrashedSession) {
     const lumetry_host_session session = {"HostKitTest", "CrashHost", id.c_str(), "K1",
                                           "crash-host"};
     char name[300];
-    ASSERT_GT(lh_session_name(&session, static_cast<pid_t>(std::stol(other)), ::time(nullptr),
-                              name, sizeof name),
+    ASSERT_GT(lh_session_name(&session, static_cast<pid_t>(std::stol(other)), ::time(nullptr), name,
+                              sizeof name),
               0);
     decoys.emplace_back(name);
     ASSERT_TRUE(WriteFile(SessionDir() + "/" + name, ""));
@@ -255,9 +255,9 @@ TEST_F(HostKitCrashTest, LiveSessionsAreConsumedOneByOne) {
   std::vector<std::unique_ptr<HostProcess>> hosts;
   std::vector<std::string> paths;
   for (int i = 0; i < 4; ++i) {
-    hosts.push_back(std::make_unique<HostProcess>(std::vector<std::string>{
-        "--processor", CRASH_PROCESSOR_PATH, "--signal", "abrt", "--wait-stdin", "--session-id",
-        "Live" + std::to_string(i)}));
+    hosts.push_back(std::make_unique<HostProcess>(
+        std::vector<std::string>{"--processor", CRASH_PROCESSOR_PATH, "--signal", "abrt",
+                                 "--wait-stdin", "--session-id", "Live" + std::to_string(i)}));
     hosts.back()->ReadLine();
     paths.push_back(hosts.back()->ReadLine());
   }
@@ -269,7 +269,8 @@ TEST_F(HostKitCrashTest, LiveSessionsAreConsumedOneByOne) {
       EXPECT_EQ(testing_support::PathExists(paths[j]), j > i) << paths[j];
     }
     EXPECT_EQ(ListNames(SpoolDir()).size(), i + 1);
-    EXPECT_TRUE(testing_support::PathExists(SpoolDir() + "/" + LogName("Live" + std::to_string(i))));
+    EXPECT_TRUE(
+        testing_support::PathExists(SpoolDir() + "/" + LogName("Live" + std::to_string(i))));
   }
 }
 

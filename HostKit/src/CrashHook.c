@@ -7,7 +7,6 @@
  * Inside the handler only async-signal-safe calls are made (sigaction,
  * sigprocmask, execve, _exit, waitpid, kill, nanosleep, clock_gettime,
  * getpid, raise) on data prepared beforehand; nothing allocates. */
-#define _GNU_SOURCE
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -64,7 +63,7 @@ static pid_t safe_fork(void) {
 /* In the child: default dispositions and an empty mask (the handler's mask
  * would be inherited across execve), no descriptors but the standard three,
  * then the crash processor. */
-static void exec_crash_processor(char *const argv[], char *const envp[]) {
+static void exec_crash_processor(char* const argv[], char* const envp[]) {
   struct sigaction default_action;
   memset(&default_action, 0, sizeof default_action);
   default_action.sa_handler = SIG_DFL;
@@ -102,7 +101,7 @@ static void run_crash_processor(void) {
   if (!atomic_load(&lh_state.installed) || !atomic_load(&lh_state.armed)) return;
   /* After a fork the child still carries its parent's session. */
   if (lh_state.owner_pid != getpid()) return;
-  char *argv[] = {lh_state.processor_path, lh_state.process_name, lh_state.pid_token, NULL};
+  char* argv[] = {lh_state.processor_path, lh_state.process_name, lh_state.pid_token, NULL};
   const pid_t child = safe_fork();
   if (child == 0) exec_crash_processor(argv, lh_state.environment);
   if (child < 0) return;
@@ -123,10 +122,10 @@ static void pass_on(int sig) {
       break;
     }
   }
-  raise(sig);
+  (void)raise(sig); /* cannot fail for a valid signal number */
 }
 
-static void crash_handler(int sig, siginfo_t *info, void *context) {
+static void crash_handler(int sig, siginfo_t* info, void* context) {
   (void)info;
   (void)context;
   const int saved_errno = errno;
@@ -150,7 +149,7 @@ static int ensure_alt_stack(void) {
   stack_t current;
   if (sigaltstack(NULL, &current) != 0) return -errno;
   if ((current.ss_flags & SS_DISABLE) == 0) return 0;
-  void *memory =
+  void* memory =
       mmap(NULL, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) return -errno;
   stack_t stack = {.ss_sp = memory, .ss_flags = 0, .ss_size = kAltStackSize};
@@ -162,7 +161,7 @@ static int ensure_alt_stack(void) {
   return 0;
 }
 
-int lumetry_host_install_crash_handler(const char *crash_processor_path) {
+int lumetry_host_install_crash_handler(const char* crash_processor_path) {
   if (crash_processor_path == NULL || crash_processor_path[0] == '\0') return -EINVAL;
   char resolved[PATH_MAX];
   if (realpath(crash_processor_path, resolved) == NULL) return -errno;

@@ -25,7 +25,7 @@ struct lh_state {
   char session_path[PATH_MAX];
   char process_name[LUMETRY_HOST_PIECE_MAX + 1];
   char pid_token[LH_TOKEN_MAX];
-  char **environment; /* NULL-terminated copy taken by lumetry_host_begin */
+  char** environment; /* NULL-terminated copy taken by lumetry_host_begin */
 
   /* 1 once the signal handlers are in place; processor_path is absolute. */
   atomic_int installed;

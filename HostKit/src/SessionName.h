@@ -26,20 +26,20 @@ extern "C" {
 #define LH_NAME_EXTENSION ".info"
 
 /* 0 when `piece` is acceptable (see lumetry_host_session), else -EINVAL. */
-int lh_check_piece(const char *piece);
+int lh_check_piece(const char* piece);
 
 /* 0 when the session pointer and all five pieces are acceptable, else -EINVAL. */
-int lh_check_session(const lumetry_host_session *session);
+int lh_check_session(const lumetry_host_session* session);
 
 /* Writes "__<pid>__" into `out`. Answers its length, or -ENAMETOOLONG when
  * `size` is too small (then `out` is left untouched). */
-int lh_pid_token(pid_t pid, char *out, size_t size);
+int lh_pid_token(pid_t pid, char* out, size_t size);
 
 /* Writes the session file name of `session` for process `pid` that started
  * at `start` into `out`. The pieces must have passed lh_check_session.
  * Answers its length, or -EINVAL when the name would be longer than a file
  * name may be or does not fit `size` (then `out` is left untouched). */
-int lh_session_name(const lumetry_host_session *session, pid_t pid, time_t start, char *out,
+int lh_session_name(const lumetry_host_session* session, pid_t pid, time_t start, char* out,
                     size_t size);
 
 #ifdef __cplusplus

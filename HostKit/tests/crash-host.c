@@ -3,7 +3,6 @@
  * the situations the tests set up (an allocating thread, an application
  * handler installed first, a pause before the crash, core dumps on or off).
  * It prints its pid and session file path, one per line, before crashing. */
-#define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -25,25 +24,29 @@
 #include "HostInternal.h"
 #include "lumetry/host.h"
 
-static const char *app_marker_path;
+static const char* app_marker_path;
 
 /* The application's own handler: leaves a marker, then dies of the signal. */
 static void app_handler(int sig) {
   const int fd = open(app_marker_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd >= 0) {
-    char text[32];
-    const int length = snprintf(text, sizeof text, "app handler %d\n", sig);
-    if (length > 0 && write(fd, text, (size_t)length) < 0) _exit(99);
-    close(fd);
+    /* "app handler <sig>\n" without stdio, which is no use in a handler. */
+    char text[24] = "app handler ";
+    size_t length = sizeof "app handler " - 1;
+    if (sig >= 10) text[length++] = (char)('0' + sig / 10);
+    text[length++] = (char)('0' + sig % 10);
+    text[length++] = '\n';
+    if (write(fd, text, length) < 0) _exit(99);
+    (void)close(fd);
   }
-  signal(sig, SIG_DFL);
-  raise(sig);
+  (void)signal(sig, SIG_DFL);
+  (void)raise(sig);
 }
 
-static void *allocate_forever(void *unused) {
+static void* allocate_forever(void* unused) {
   (void)unused;
   for (size_t round = 0;; ++round) {
-    void *block = malloc(16 + (round % 4096));
+    void* block = malloc(16 + (round % 4096));
     if (block != NULL) memset(block, 1, 16);
     free(block);
   }
@@ -69,33 +72,43 @@ static int trap_one_syscall(void) {
  * no instruction that faults that way. */
 static void crash(int sig) {
   volatile int zero = 0;
-  volatile int *volatile nowhere = NULL;
+  volatile int* volatile nowhere = NULL;
   switch (sig) {
-    case SIGSEGV: *nowhere = 1; break;
+    case SIGSEGV:
+      *nowhere = 1; /* NOLINT(clang-analyzer-core.NullDereference): on purpose */
+      break;
     case SIGBUS: {
       /* Touching a mapped page beyond the end of an empty file. */
       const int fd = (int)syscall(SYS_memfd_create, "crash-host", 0);
-      volatile char *page = mmap(NULL, 4096, PROT_READ, MAP_SHARED, fd, 0);
-      if (page != MAP_FAILED) zero = page[0];
+      volatile char* page = mmap(NULL, 4096, PROT_READ, MAP_SHARED, fd, 0);
+      if (page != MAP_FAILED) zero = (unsigned char)page[0];
       break;
     }
 #if defined(__x86_64__) || defined(__i386__)
-    case SIGILL: __asm__ volatile("ud2"); break;
-    case SIGTRAP: __asm__ volatile("int3"); break;
-    case SIGFPE: zero = 1 / zero; break;
+    case SIGILL:
+      __asm__ volatile("ud2");
+      break;
+    case SIGTRAP:
+      __asm__ volatile("int3");
+      break;
+    case SIGFPE:
+      zero = 1 / zero; /* NOLINT(clang-analyzer-core.DivideZero): on purpose */
+      break;
 #endif
-    case SIGABRT: abort();
+    case SIGABRT:
+      abort();
     case SIGSYS:
       if (trap_one_syscall() == 0) syscall(kTrappedSyscall);
       break;
-    default: break;
+    default:
+      break;
   }
-  raise(sig);
+  (void)raise(sig);
 }
 
-static int signal_number(const char *name) {
+static int signal_number(const char* name) {
   static const struct {
-    const char *name;
+    const char* name;
     int number;
   } kNames[] = {{"segv", SIGSEGV}, {"bus", SIGBUS},   {"ill", SIGILL}, {"fpe", SIGFPE},
                 {"abrt", SIGABRT}, {"trap", SIGTRAP}, {"sys", SIGSYS}};
@@ -105,39 +118,67 @@ static int signal_number(const char *name) {
   return 0;
 }
 
-int main(int argc, char *argv[]) {
-  static const struct option kOptions[] = {
-      {"processor", required_argument, NULL, 'p'}, {"signal", required_argument, NULL, 's'},
-      {"session-id", required_argument, NULL, 'i'}, {"product", required_argument, NULL, 'n'},
-      {"app-handler", required_argument, NULL, 'a'}, {"wait-limit-ms", required_argument, NULL, 'w'},
-      {"no-kit", no_argument, NULL, 'K'},           {"end-first", no_argument, NULL, 'E'},
-      {"malloc-thread", no_argument, NULL, 'M'},    {"wait-stdin", no_argument, NULL, 'S'},
-      {"core", no_argument, NULL, 'C'},             {NULL, 0, NULL, 0}};
-  const char *processor = NULL;
+int main(int argc, char* argv[]) {
+  static const struct option kOptions[] = {{"processor", required_argument, NULL, 'p'},
+                                           {"signal", required_argument, NULL, 's'},
+                                           {"session-id", required_argument, NULL, 'i'},
+                                           {"product", required_argument, NULL, 'n'},
+                                           {"app-handler", required_argument, NULL, 'a'},
+                                           {"wait-limit-ms", required_argument, NULL, 'w'},
+                                           {"no-kit", no_argument, NULL, 'K'},
+                                           {"end-first", no_argument, NULL, 'E'},
+                                           {"malloc-thread", no_argument, NULL, 'M'},
+                                           {"wait-stdin", no_argument, NULL, 'S'},
+                                           {"core", no_argument, NULL, 'C'},
+                                           {NULL, 0, NULL, 0}};
+  const char* processor = NULL;
   int sig = 0;
   char session_id[64];
-  snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
-  const char *product = "crash-host";
+  (void)snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
+  const char* product = "crash-host";
   int use_kit = 1, end_first = 0, malloc_thread = 0, wait_stdin = 0, core = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
     switch (opt) {
-      case 'p': processor = optarg; break;
-      case 's': sig = signal_number(optarg); break;
-      case 'i': snprintf(session_id, sizeof session_id, "%s", optarg); break;
-      case 'n': product = optarg; break;
-      case 'a': app_marker_path = optarg; break;
-      case 'w': lh_set_wait_limit_ms((unsigned)strtoul(optarg, NULL, 10)); break;
-      case 'K': use_kit = 0; break;
-      case 'E': end_first = 1; break;
-      case 'M': malloc_thread = 1; break;
-      case 'S': wait_stdin = 1; break;
-      case 'C': core = 1; break;
-      default: return 2;
+      case 'p':
+        processor = optarg;
+        break;
+      case 's':
+        sig = signal_number(optarg);
+        break;
+      case 'i':
+        (void)snprintf(session_id, sizeof session_id, "%s", optarg);
+        break;
+      case 'n':
+        product = optarg;
+        break;
+      case 'a':
+        app_marker_path = optarg;
+        break;
+      case 'w':
+        lh_set_wait_limit_ms((unsigned)strtoul(optarg, NULL, 10));
+        break;
+      case 'K':
+        use_kit = 0;
+        break;
+      case 'E':
+        end_first = 1;
+        break;
+      case 'M':
+        malloc_thread = 1;
+        break;
+      case 'S':
+        wait_stdin = 1;
+        break;
+      case 'C':
+        core = 1;
+        break;
+      default:
+        return 2;
     }
   }
   if (sig == 0 || (use_kit && processor == NULL)) {
-    fprintf(stderr, "crash-host: --signal NAME and --processor PATH are needed\n");
+    (void)fprintf(stderr, "crash-host: --signal NAME and --processor PATH are needed\n");
     return 2;
   }
 
@@ -146,7 +187,7 @@ int main(int argc, char *argv[]) {
     limit.rlim_cur = core ? limit.rlim_max : 0;
     setrlimit(RLIMIT_CORE, &limit);
   }
-  if (app_marker_path != NULL) signal(sig, app_handler);
+  if (app_marker_path != NULL) (void)signal(sig, app_handler);
 
   if (use_kit) {
     int rc = lumetry_host_install_crash_handler(processor);
@@ -157,7 +198,7 @@ int main(int argc, char *argv[]) {
                                           .process_name = product};
     if (rc == 0) rc = lumetry_host_begin(&session);
     if (rc != 0) {
-      fprintf(stderr, "crash-host: %s\n", strerror(-rc));
+      (void)fprintf(stderr, "crash-host: %s\n", strerror(-rc));
       return 3;
     }
     printf("%ld\n%s\n", (long)getpid(), lumetry_host_session_path());
@@ -165,7 +206,7 @@ int main(int argc, char *argv[]) {
   } else {
     printf("%ld\n\n", (long)getpid());
   }
-  fflush(stdout);
+  (void)fflush(stdout);
 
   if (wait_stdin) {
     char go;

@@ -29,11 +29,11 @@ extern "C" {
  * "_", "/" and control characters. The strings are copied; the caller keeps
  * ownership. */
 typedef struct lumetry_host_session {
-  const char *product_family; /* reported as the crashed product's family */
-  const char *product_name;   /* reported as the crashed product's name */
-  const char *session_id;     /* id of the crash session; part of the log's name */
-  const char *log_name_key;   /* part of the crash log's file name */
-  const char *process_name;   /* the product name given to the crash processor */
+  const char* product_family; /* reported as the crashed product's family */
+  const char* product_name;   /* reported as the crashed product's name */
+  const char* session_id;     /* id of the crash session; part of the log's name */
+  const char* log_name_key;   /* part of the crash log's file name */
+  const char* process_name;   /* the product name given to the crash processor */
 } lumetry_host_session;
 
 /* Announces the session: creates the session directory and the uploader's
@@ -42,7 +42,7 @@ typedef struct lumetry_host_session {
  * process that died without cleaning up is removed first.
  * Answers -EINVAL for a bad or too long piece (nothing is created), -EBUSY
  * while a session is already open, or the errno of the failed file step. */
-LUMETRY_HOST_API int lumetry_host_begin(const lumetry_host_session *session);
+LUMETRY_HOST_API int lumetry_host_begin(const lumetry_host_session* session);
 
 /* Removes the session file at a clean exit and disarms the crash hook.
  * Answers -ENOENT when no session is open (or it belongs to the parent of a
@@ -57,11 +57,11 @@ LUMETRY_HOST_API int lumetry_host_end(void);
  * application handler or the default action). A second call only replaces
  * the path. Answers -EINVAL for a null or empty path, or the errno of
  * resolving it, of the executable check or of installing the handlers. */
-LUMETRY_HOST_API int lumetry_host_install_crash_handler(const char *crash_processor_path);
+LUMETRY_HOST_API int lumetry_host_install_crash_handler(const char* crash_processor_path);
 
 /* The absolute path of the open session's file, or NULL when none is open.
  * The text stays valid until the next lumetry_host_begin. */
-LUMETRY_HOST_API const char *lumetry_host_session_path(void);
+LUMETRY_HOST_API const char* lumetry_host_session_path(void);
 
 #ifdef __cplusplus
 }
