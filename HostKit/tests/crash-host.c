@@ -18,6 +18,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -127,6 +128,7 @@ int main(int argc, char* argv[]) {
                                            {"wait-limit-ms", required_argument, NULL, 'w'},
                                            {"no-kit", no_argument, NULL, 'K'},
                                            {"end-first", no_argument, NULL, 'E'},
+                                           {"crash-in-child", no_argument, NULL, 'F'},
                                            {"malloc-thread", no_argument, NULL, 'M'},
                                            {"wait-stdin", no_argument, NULL, 'S'},
                                            {"core", no_argument, NULL, 'C'},
@@ -136,7 +138,7 @@ int main(int argc, char* argv[]) {
   char session_id[64];
   (void)snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
   const char* product = "crash-host";
-  int use_kit = 1, end_first = 0, malloc_thread = 0, wait_stdin = 0, core = 0;
+  int use_kit = 1, end_first = 0, in_child = 0, malloc_thread = 0, wait_stdin = 0, core = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
     switch (opt) {
@@ -160,6 +162,9 @@ int main(int argc, char* argv[]) {
         break;
       case 'K':
         use_kit = 0;
+        break;
+      case 'F':
+        in_child = 1;
         break;
       case 'E':
         end_first = 1;
@@ -217,6 +222,17 @@ int main(int argc, char* argv[]) {
     if (pthread_create(&thread, NULL, allocate_forever, NULL) != 0) return 6;
     const struct timespec settle = {0, 50 * 1000000L};
     nanosleep(&settle, NULL);
+  }
+  if (in_child) {
+    /* A forked child crashes; the parent's session must survive it and end
+     * cleanly. Answers 0 only when the child died of the signal. */
+    const pid_t child = fork();
+    if (child == 0) crash(sig);
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) return 8;
+    if (!WIFSIGNALED(status) || WTERMSIG(status) != sig) return 9;
+    if (access(lumetry_host_session_path(), F_OK) != 0) return 11;
+    return lumetry_host_end() == 0 ? 0 : 10;
   }
   crash(sig);
   return 7;
