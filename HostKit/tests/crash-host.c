@@ -70,9 +70,11 @@ static int trap_one_syscall(void) {
 }
 
 /* Dies of `sig` the way real programs do; raise() only where the machine has
- * no instruction that faults that way. */
+ * no instruction that faults that way. When the process survives (a hook
+ * that swallowed the signal), this returns and the program exits normally. */
 static void crash(int sig) {
   volatile int zero = 0;
+  volatile int one = 1;
   volatile int* volatile nowhere = NULL;
   switch (sig) {
     case SIGSEGV:
@@ -93,18 +95,28 @@ static void crash(int sig) {
       __asm__ volatile("int3");
       break;
     case SIGFPE:
-      zero = 1 / zero; /* NOLINT(clang-analyzer-core.DivideZero): on purpose */
+      /* Both operands volatile: GCC turns 1 / x into compares, not a division. */
+      zero = one / zero; /* NOLINT(clang-analyzer-core.DivideZero): on purpose */
+      break;
+#else
+    case SIGILL:
+    case SIGTRAP:
+    case SIGFPE:
+      (void)raise(sig);
       break;
 #endif
     case SIGABRT:
       abort();
     case SIGSYS:
-      if (trap_one_syscall() == 0) syscall(kTrappedSyscall);
+      if (trap_one_syscall() == 0) {
+        syscall(kTrappedSyscall);
+      } else {
+        (void)raise(sig); /* no seccomp here */
+      }
       break;
     default:
       break;
   }
-  (void)raise(sig);
 }
 
 static int signal_number(const char* name) {
