@@ -79,10 +79,15 @@ class HostProcess {
     return line;
   }
   void Go() { EXPECT_EQ(::write(stdin_, "g", 1), 1); }
-  // The raw wait status.
+  // The raw wait status. A host still running after 60 s (a hook that
+  // hangs) is killed, so its status tells of SIGKILL.
   int Wait() {
     int status = 0;
-    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    for (int waited_ms = 0;; waited_ms += 10) {
+      const pid_t done = ::waitpid(pid_, &status, WNOHANG);
+      if (done == pid_ || (done < 0 && errno != EINTR)) break;
+      if (waited_ms == 60000) ::kill(pid_, SIGKILL);
+      ::usleep(10000);
     }
     waited_ = true;
     return status;
@@ -180,6 +185,15 @@ TEST_F(HostKitCrashTest, AllocatingThreadDoesNotBlockTheHook) {
     ExpectOneCrashLog(id);
     ASSERT_EQ(::system(("rm -f '" + SpoolDir() + "'/*").c_str()), 0);
   }
+}
+
+// glibc's fork() would wait for the allocator's lock that the crashing
+// thread itself holds; the hook must not.
+TEST_F(HostKitCrashTest, CrashInsideTheAllocatorStillLeavesTheLog) {
+  HostProcess host({"--processor", CRASH_PROCESSOR_PATH, "--signal", "abrt", "--in-malloc",
+                    "--session-id", "InMalloc"});
+  ExpectKilledBy(host.Wait(), SIGABRT);
+  ExpectOneCrashLog("InMalloc");
 }
 
 TEST_F(HostKitCrashTest, ApplicationHandlerInstalledFirstStillRuns) {

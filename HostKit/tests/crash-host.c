@@ -119,6 +119,26 @@ static void crash(int sig) {
   }
 }
 
+/* A double free of a chunk too large for the per-thread cache: glibc finds it
+ * while it holds the arena's lock and aborts right there, so the hook runs
+ * with the allocator locked by the crashing thread itself. */
+static void* idle_forever(void* unused) {
+  (void)unused;
+  for (;;) pause();
+  return NULL;
+}
+
+static void crash_inside_malloc(void) {
+  /* A single-threaded process frees without taking the lock. */
+  pthread_t idle;
+  if (pthread_create(&idle, NULL, idle_forever, NULL) != 0) return;
+  char* volatile block = malloc(4000);
+  char* volatile guard = malloc(4000); /* keeps the block from the top chunk */
+  if (block == NULL || guard == NULL) return;
+  free(block);
+  free(block); /* NOLINT(clang-analyzer-unix.Malloc): the double free on purpose */
+}
+
 static int signal_number(const char* name) {
   static const struct {
     const char* name;
@@ -141,6 +161,7 @@ int main(int argc, char* argv[]) {
                                            {"no-kit", no_argument, NULL, 'K'},
                                            {"end-first", no_argument, NULL, 'E'},
                                            {"crash-in-child", no_argument, NULL, 'F'},
+                                           {"in-malloc", no_argument, NULL, 'H'},
                                            {"malloc-thread", no_argument, NULL, 'M'},
                                            {"wait-stdin", no_argument, NULL, 'S'},
                                            {"core", no_argument, NULL, 'C'},
@@ -150,7 +171,8 @@ int main(int argc, char* argv[]) {
   char session_id[64];
   (void)snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
   const char* product = "crash-host";
-  int use_kit = 1, end_first = 0, in_child = 0, malloc_thread = 0, wait_stdin = 0, core = 0;
+  int use_kit = 1, end_first = 0, in_child = 0, in_malloc = 0, malloc_thread = 0, wait_stdin = 0,
+      core = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
     switch (opt) {
@@ -177,6 +199,9 @@ int main(int argc, char* argv[]) {
         break;
       case 'F':
         in_child = 1;
+        break;
+      case 'H':
+        in_malloc = 1;
         break;
       case 'E':
         end_first = 1;
@@ -235,6 +260,7 @@ int main(int argc, char* argv[]) {
     const struct timespec settle = {0, 50 * 1000000L};
     nanosleep(&settle, NULL);
   }
+  if (in_malloc) crash_inside_malloc();
   if (in_child) {
     /* A forked child crashes; the parent's session must survive it and end
      * cleanly. Answers 0 only when the child died of the signal. */
