@@ -305,4 +305,35 @@ TEST_F(HostKitCrashTest, LiveSessionsAreConsumedOneByOne) {
   }
 }
 
+// lumetry-crashdemo as a user runs it: its options, a clean end, real crashes.
+TEST_F(HostKitCrashTest, CrashDemoCommandLine) {
+  struct Case {
+    std::vector<std::string> args;
+    int status;          // as a shell sees it (128 + signal)
+    const char* output;  // start of standard output
+    size_t logs;         // crash logs in the spool afterwards
+  };
+  const Case cases[] = {
+      {{"--version"}, 0, "lumetry-crashdemo ", 0},
+      {{"--help"}, 0, "usage: lumetry-crashdemo", 0},
+      {{}, 2, "", 0},
+      {{"--crash", "hang"}, 2, "", 0},
+      {{"--crash", "none", "extra"}, 2, "", 0},
+      {{"--crash", "none", "--crash-processor", "/nonexistent/crash-processor"}, 1, "", 0},
+      {{"--crash", "none"}, 0, "session file: ", 0},
+      {{"--crash", "segv"}, 128 + SIGSEGV, "session file: ", 1},
+      {{"--crash", "abort"}, 128 + SIGABRT, "session file: ", 2},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> argv = {LUMETRY_CRASHDEMO};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    const testing_support::RunResult result = testing_support::RunProgram(argv);
+    SCOPED_TRACE(argv.size() > 1 ? argv[1] + " " + (argv.size() > 2 ? argv[2] : "") : "");
+    EXPECT_EQ(result.status, c.status) << result.err;
+    EXPECT_EQ(result.out.rfind(c.output, 0), 0u) << result.out;
+    EXPECT_EQ(ListNames(SpoolDir()).size(), c.logs);
+    EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
+  }
+}
+
 }  // namespace
