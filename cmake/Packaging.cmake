@@ -29,10 +29,8 @@ function(lumetry_install_log_switch dir)
 endfunction()
 
 lumetry_install_log_switch("${CMAKE_INSTALL_BINDIR}")
-if(TARGET LogCourier2)
-  # The uploader's main bundle is its application directory.
-  lumetry_install_log_switch("lib/lumetry/LogCourier2.app")
-endif()
+# The uploader's main bundle is its application directory.
+lumetry_install_log_switch("lib/lumetry/LogCourier2.app")
 install(FILES "${LUMETRY_DEB_DIR}/VxLog.config.example" DESTINATION "${LUMETRY_CONFIG_DIR}")
 
 # Debian's documentation files: the machine-readable copyright and the
