@@ -4,8 +4,10 @@
 // UTF-8 pass through untouched.
 #include "FileUtil.h"
 
+#include <cstring>
 #include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "ExtendedRegex.h"
 #include "FileUtilPlatform.h"
@@ -28,9 +30,23 @@ std::string NormaliseSeparators(const std::string& path) {
   return result;
 }
 
-bool ContainsAll(const std::string& name, const std::vector<std::string>& substrings) {
+// Substring test on raw bytes: memchr to each place where the key's first
+// byte stands, then one compare of the rest.
+bool ContainsBytes(std::string_view text, std::string_view key) {
+  if (key.empty()) return true;
+  while (text.size() >= key.size()) {
+    const void* hit = std::memchr(text.data(), key.front(), text.size() - key.size() + 1);
+    if (hit == nullptr) return false;
+    const auto at = static_cast<std::size_t>(static_cast<const char*>(hit) - text.data());
+    if (std::memcmp(text.data() + at + 1, key.data() + 1, key.size() - 1) == 0) return true;
+    text.remove_prefix(at + 1);
+  }
+  return false;
+}
+
+bool ContainsAll(std::string_view name, const std::vector<std::string>& substrings) {
   for (const std::string& part : substrings) {
-    if (name.find(part) == std::string::npos) return false;
+    if (!ContainsBytes(name, part)) return false;
   }
   return true;
 }
@@ -190,12 +206,13 @@ bool IsFileSizeAtMost(const std::string& path, std::int32_t limit) {
 bool ListDirectoryMatching(const std::string& dir, const std::vector<std::string>& substrings,
                            std::vector<std::string>* names) {
   if (names == nullptr) return false;
-  std::vector<std::string> entries;
-  if (platform::ListNames(dir, &entries)) {
-    for (const std::string& name : entries) {
-      if (ContainsAll(name, substrings)) names->push_back(name);
-    }
-  }
+  // Each name is tested on the directory's own bytes as it is read; only a
+  // match is copied, so an unrelated entry costs no allocation.
+  const std::size_t before = names->size();
+  const bool listed = platform::ForEachName(dir, [&](std::string_view name) {
+    if (ContainsAll(name, substrings)) names->emplace_back(name);
+  });
+  if (!listed) names->resize(before);  // a listing that failed part-way adds nothing
   // Never cleared here: a list that was non-empty on entry answers true.
   return !names->empty();
 }
