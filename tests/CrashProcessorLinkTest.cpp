@@ -47,7 +47,8 @@ bool ReadElf(const std::string& bytes, ElfFacts* facts) {
     Elf64_Shdr strings;
     if (!ReadAt(bytes, header.e_shoff + std::uint64_t{i} * sizeof section, &section)) return false;
     if (section.sh_type != SHT_DYNAMIC) continue;
-    if (!ReadAt(bytes, header.e_shoff + std::uint64_t{section.sh_link} * sizeof strings, &strings)) {
+    if (!ReadAt(bytes, header.e_shoff + std::uint64_t{section.sh_link} * sizeof strings,
+                &strings)) {
       return false;
     }
     for (std::uint64_t at = 0; at + sizeof(Elf64_Dyn) <= section.sh_size; at += sizeof(Elf64_Dyn)) {

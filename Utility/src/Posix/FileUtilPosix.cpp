@@ -93,7 +93,7 @@ bool ForEachName(const std::string& dir, const NameVisitor& visit) {
 
 bool ListNames(const std::string& dir, std::vector<std::string>* names) {
   const std::size_t before = names->size();
-  if (ForEachName(dir, [names](std::string_view name) { names->emplace_back(name); })) {
+  if (ForEachName(dir, [names](const char* name) { names->emplace_back(name); })) {
     return true;
   }
   names->resize(before);  // a listing that failed part-way appends nothing
