@@ -169,11 +169,11 @@ def plot(rows, path):
     matplotlib.rcParams["svg.hashsalt"] = "crash-run-cost"  # stable output
     import matplotlib.pyplot as plt
 
-    fig, axes = plt.subplots(1, 3, figsize=(13, 4))
-    panels = [("ins", "ins_c", 1e-6, "user-space instructions (millions)"),
-              ("ms", "ms_c", 1.0, "wall time, median (ms)"),
-              ("rss", "rss_c", 1 / 1024, "peak resident memory (MiB)")]
-    for axis, (ours, theirs, scale, title) in zip(axes, panels):
+    fig, axes = plt.subplots(1, 4, figsize=(17, 4.2))
+    panels = [("ins", "ins_c", 1e-6, "user-space instructions (millions)", "log"),
+              ("ms", "ms_c", 1.0, "wall time, median (ms)", "log"),
+              ("rss", "rss_c", 1 / 1024, "peak resident memory (MiB)", "linear")]
+    for axis, (ours, theirs, scale, title, yscale) in zip(axes, panels):
         for match, style in ((True, "-"), (False, ":")):
             part = [r for r in rows if r["match"] == match]
             xs = [r["n"] / 1000 for r in part]
@@ -183,12 +183,33 @@ def plot(rows, path):
             axis.plot(xs, [r[theirs] * scale for r in part], "s" + style, color="tab:gray",
                       label="C program, " + case)
         axis.set_title(title)
-        axis.set_xlabel("unrelated entries (thousands)")
-        axis.grid(True, alpha=0.3)
+        axis.set_yscale(yscale)
     axes[2].axhline(MAX_RSS_KIB / 1024, color="tab:red", linewidth=0.8, label="4 MiB target")
     axes[2].set_ylim(bottom=0)
-    axes[0].legend(fontsize=8)
-    axes[2].legend(fontsize=8)
+
+    ratio = axes[3]
+    for match, style in ((True, "-"), (False, ":")):
+        part = [r for r in rows if r["match"] == match]
+        xs = [r["n"] / 1000 for r in part]
+        case = "one match" if match else "no match"
+        ratio.plot(xs, [r["ins"] / r["ins_c"] for r in part], "o" + style, color="tab:purple",
+                   label="instructions, " + case)
+        ratio.plot(xs, [r["wall_ratio"] for r in part], "^" + style, color="tab:green",
+                   label="wall time, " + case)
+    ratio.axhline(MAX_INSTRUCTION_RATIO, color="tab:purple", linewidth=0.8)
+    ratio.axhline(MAX_WALL_RATIO, color="tab:green", linewidth=0.8)
+    ratio.set_title("crash-processor / C program (lines: targets)")
+    ratio.set_ylim(bottom=0)
+    sizes = sorted({r["n"] / 1000 for r in rows})
+    for axis in axes:
+        axis.set_xscale("symlog", linthresh=10)
+        axis.set_xlim(left=0)
+        axis.set_xticks(sizes)
+        axis.set_xticklabels(["{:,g}".format(n) for n in sizes])
+        axis.set_xlabel("unrelated entries (thousands)")
+        axis.grid(True, alpha=0.3)
+    for axis in (axes[0], axes[2], axes[3]):
+        axis.legend(fontsize=7)
     fig.tight_layout()
     fig.savefig(path, metadata={"Date": None})
 
@@ -201,7 +222,7 @@ def main():
     parser.add_argument("--pairs", required=True)
     parser.add_argument("--sizes", default="0,10000,200000,1000000",
                         help="comma-separated numbers of unrelated entries")
-    parser.add_argument("--runs", type=int, default=31, help="paired runs per case")
+    parser.add_argument("--runs", type=int, default=101, help="paired runs per case")
     parser.add_argument("--runs-large", type=int, default=7,
                         help="paired runs per case at a million entries and more")
     parser.add_argument("--plot", help="write the plot here (SVG or PNG)")
