@@ -8,6 +8,7 @@
  * with -O2 -static, so it pays no dynamic loading. */
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,6 +24,16 @@ static char matches[MAX_MATCHES][256];
 static int match_count;
 static char config_path[MAX_PATH];
 static char library[MAX_PATH];
+
+/* Formats a path into `out`; a path that does not fit ends the run as one
+ * that found nothing (status 254), never a cut path. */
+static void format_path(char* out, size_t size, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  int n = vsnprintf(out, size, format, args);
+  va_end(args);
+  if (n < 0 || (size_t)n >= size) exit(254);
+}
 
 static int config_exists(void) {
   struct stat st;
@@ -59,8 +70,8 @@ static long read_preferences(char* plist, long cap) {
     host[j] = '\0';
   }
   stat(library, &st);
-  snprintf(path, sizeof path, "%s/Preferences/ByHost/com.quorvik.lumetryqx.%s.plist", library,
-           host);
+  format_path(path, sizeof path, "%s/Preferences/ByHost/com.quorvik.lumetryqx.%s.plist", library,
+              host);
   return read_file(path, plist, cap);
 }
 
@@ -98,7 +109,7 @@ static void write_log(const char* dir, char* piece[8], const char* id) {
   char text[1024];
   time_t t = time(NULL);
   struct tm tm;
-  snprintf(path, sizeof path, "%sulog_LumetryQX_AppCrash_%s_%s_0.rdy", dir, piece[4], piece[3]);
+  format_path(path, sizeof path, "%sulog_LumetryQX_AppCrash_%s_%s_0.rdy", dir, piece[4], piece[3]);
   config_exists();
   int fd = open(path, O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return;
@@ -107,7 +118,10 @@ static void write_log(const char* dir, char* piece[8], const char* id) {
     return;
   }
   config_exists();
-  if (write(fd, "K-Q$mw#$zRTd8pofupin", 20) != 20) return;
+  if (write(fd, "K-Q$mw#$zRTd8pofupin", 20) != 20) {
+    close(fd);
+    return;
+  }
 #define STAMP() (t = time(NULL), gmtime_r(&t, &tm), strftime(now, sizeof now, "%Y-%m-%dT%H:%M:%SZ", &tm))
   STAMP();
   snprintf(text, sizeof text,
@@ -167,17 +181,17 @@ int main(int argc, char** argv) {
   if (n > 0) {
     exe[n] = '\0';
     *strrchr(exe, '/') = '\0';
-    snprintf(config_path, sizeof config_path, "%s/VxLog.config", exe);
+    format_path(config_path, sizeof config_path, "%s/VxLog.config", exe);
   }
   config_exists();
 
   const char* home = getenv("HOME");
   if (home == NULL) return 254;
-  snprintf(library, sizeof library, "%s/Library", home);
+  format_path(library, sizeof library, "%s/Library", home);
   stat(library, &st);
   if (*product == '\0' || *pid == '\0') return 254;
 
-  snprintf(dir, sizeof dir, "%s/Logs/Quorvik/LumetryQX/SessionInfo/", library);
+  format_path(dir, sizeof dir, "%s/Logs/Quorvik/LumetryQX/SessionInfo/", library);
   DIR* d = opendir(dir);
   if (d == NULL) return 254;
   struct dirent* e;
@@ -193,7 +207,7 @@ int main(int argc, char** argv) {
   read_preferences(plist, sizeof plist); /* "obfuscate": absent in the prepared home */
 
   char logdir[MAX_PATH];
-  snprintf(logdir, sizeof logdir, "%s/Logs/Quorvik/LogCourier2QX/", library);
+  format_path(logdir, sizeof logdir, "%s/Logs/Quorvik/LogCourier2QX/", library);
   for (int m = 0; m < match_count; ++m) {
     char name[256];
     char* piece[9];
@@ -212,7 +226,7 @@ int main(int argc, char** argv) {
 
   for (int m = 0; m < match_count; ++m) {
     char path[MAX_PATH];
-    snprintf(path, sizeof path, "%s%s", dir, matches[m]);
+    format_path(path, sizeof path, "%s%s", dir, matches[m]);
     lstat(path, &st);
     lstat(path, &st);
     unlink(path);
