@@ -211,6 +211,61 @@ TEST_F(CrashRunTest, ManyUnrelatedEntries) {
   EXPECT_EQ(ListNames(SessionDir()).size(), 20000u);
 }
 
+// Every entry counts: a hidden name and a sub-directory that hold both keys
+// are matched like files; both become crash logs and both are consumed, the
+// directory with what it holds.
+TEST_F(CrashRunTest, HiddenNamesAndSubdirectoriesAreSessionFilesToo) {
+  MakeLogDir();
+  Plant(".1234_Fam_Name_S1_K1_x_y_Prod.info");
+  ASSERT_TRUE(MakeDirs(SessionDir() + "1234_Fam_Name_S2_K2_x_y_Prod.d"));
+  Plant("1234_Fam_Name_S2_K2_x_y_Prod.d/inside");
+  Plant(".hidden_other");
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy",
+                                                           "ulog_LumetryQX_AppCrash_K2_S2_0.rdy"}));
+  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"),
+            CrashDocument("S1", "Fam", "Name", MachineId()));
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{".hidden_other"});
+}
+
+// The order in which the directory yields its names (creation order on some
+// file systems, hash order on others) changes nothing in the outcome.
+TEST_F(CrashRunTest, OutcomeDoesNotDependOnTheListingOrder) {
+  MakeLogDir();
+  std::vector<std::string> names = {"1_F_N_SA_KA_x_y_Prod.77", "2_F_N_SB_KB_x_y_Prod.77",
+                                    "77_b_c_d_e_f_g_h_Prod", "3_F_N_SC_KC_x_y_Prod.78",
+                                    "4_F_N_SD_KD_x_y_Other.77"};
+  std::vector<std::string> firstLogs;
+  std::vector<std::string> firstDocs;
+  std::sort(names.begin(), names.end());
+  int orders = 0;
+  do {
+    SCOPED_TRACE(orders);
+    for (const std::string& name : names) Plant(name);
+    EXPECT_EQ(Run({"Prod", "77"}).status, 0);
+    const std::vector<std::string> logs = ListNames(LogDir());
+    std::vector<std::string> docs;
+    for (const std::string& log : logs) {
+      docs.push_back(Decoded(log));
+      ASSERT_EQ(::unlink((LogDir() + log).c_str()), 0);
+    }
+    if (orders == 0) {
+      firstLogs = logs;
+      firstDocs = docs;
+      EXPECT_EQ(logs, (std::vector<std::string>{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy",
+                                                "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
+    }
+    EXPECT_EQ(logs, firstLogs);
+    EXPECT_EQ(docs, firstDocs);
+    EXPECT_EQ(ListNames(SessionDir()),
+              (std::vector<std::string>{"3_F_N_SC_KC_x_y_Prod.78", "4_F_N_SD_KD_x_y_Other.77"}));
+    for (const std::string& left : ListNames(SessionDir())) {
+      ASSERT_EQ(::unlink((SessionDir() + left).c_str()), 0);
+    }
+  } while (++orders < 6 && std::next_permutation(names.begin(), names.end()));
+  EXPECT_EQ(orders, 6);
+}
+
 TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
   MakeLogDir();
   const std::string machineId = MachineId();  // empty: the runs create it

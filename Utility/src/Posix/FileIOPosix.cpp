@@ -17,13 +17,17 @@
 
 namespace posix_io {
 
-bool ReadNames(DIR* dir, std::vector<std::string>* names) {
+bool VisitNames(DIR* dir, const FileUtil::platform::NameVisitor& visit) {
   for (;;) {
     errno = 0;
     const struct dirent* entry = ::readdir(dir);
     if (entry == nullptr) return errno == 0;
-    if (!IsDotOrDotDot(entry->d_name)) names->emplace_back(entry->d_name);
+    if (!IsDotOrDotDot(entry->d_name)) visit(entry->d_name);
   }
+}
+
+bool ReadNames(DIR* dir, std::vector<std::string>* names) {
+  return VisitNames(dir, [names](const char* name) { names->emplace_back(name); });
 }
 
 bool ReadNamesAt(int dir_fd, std::vector<std::string>* names) {
