@@ -311,14 +311,8 @@ int ToolMain(int argc, char* argv[]) {
         r.has_entry = true;
         r.entry = optarg;
         break;
-      case 'h':
-        PrintHelp();
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
-      case 'V':
-        ts::PrintVersion(kToolName);
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
       default:
-        return ts::RejectOption(kToolName, c, argv);
+        return ts::AnswerCommonOption(kToolName, c, argv, &PrintHelp);
     }
   }
   for (int i = optind; i < argc; ++i) r.words.emplace_back(argv[i]);

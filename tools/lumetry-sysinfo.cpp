@@ -49,14 +49,8 @@ int ToolMain(int argc, char* argv[]) {
       case 'j':
         json = true;
         break;
-      case 'h':
-        PrintHelp();
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
-      case 'V':
-        ts::PrintVersion(kToolName);
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
       default:
-        return ts::RejectOption(kToolName, c, argv);
+        return ts::AnswerCommonOption(kToolName, c, argv, &PrintHelp);
     }
   }
   if (optind < argc) {

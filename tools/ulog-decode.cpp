@@ -65,14 +65,8 @@ int ToolMain(int argc, char* argv[]) {
     const int c = getopt_long(argc, argv, ":hV", kOptions, nullptr);
     if (c == -1) break;
     switch (c) {
-      case 'h':
-        PrintHelp();
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
-      case 'V':
-        ts::PrintVersion(kToolName);
-        return ts::FinishOutput(kToolName, ts::kExitSuccess);
       default:
-        return ts::RejectOption(kToolName, c, argv);
+        return ts::AnswerCommonOption(kToolName, c, argv, &PrintHelp);
     }
   }
   if (optind >= argc) return ts::UsageError(kToolName, "no file given");

@@ -80,6 +80,19 @@ int RejectOption(const char* tool, int result, char* const argv[]) {
   return UsageError(tool, "invalid option -- '" + letter + "'");
 }
 
+int AnswerCommonOption(const char* tool, int result, char* const argv[], void (*print_help)()) {
+  switch (result) {
+    case 'h':
+      print_help();
+      return FinishOutput(tool, kExitSuccess);
+    case 'V':
+      PrintVersion(tool);
+      return FinishOutput(tool, kExitSuccess);
+    default:
+      return RejectOption(tool, result, argv);
+  }
+}
+
 std::string WithReason(const std::string& subject, int error_number) {
   return subject + ": " + std::strerror(error_number);
 }

@@ -40,6 +40,12 @@ int UsageError(const char* tool, const std::string& message);
 //   missing option argument: "<tool>: option '--file' requires an argument"
 int RejectOption(const char* tool, int result, char* const argv[]);
 
+// Answers what getopt_long returned for an option no tool handles itself:
+// 'h' prints the help through `print_help` and 'V' the version, each then
+// finishing the output (kExitSuccess unless standard output failed); any
+// other value is a rejected option (RejectOption).
+int AnswerCommonOption(const char* tool, int result, char* const argv[], void (*print_help)());
+
 // Prints "<tool>: <message>" on standard error (standard output is flushed
 // first, so the two streams stay in order on a terminal).
 void Complain(const char* tool, const std::string& message);
@@ -49,8 +55,9 @@ std::string WithReason(const std::string& subject, int error_number);
 
 // Reads the regular file at `path` (or standard input for "-") into `data`
 // through the file core, refusing more than `cap` bytes, so an oversize file
-// never lands in memory; a FIFO or device is refused without blocking. On failure answers false, leaves `data` untouched and sets `error`
-// to one line naming the path: "<path>: No such file or directory",
+// never lands in memory; a FIFO or device is refused without blocking. On failure answers false,
+// leaves `data` untouched and sets `error` to one line naming the path: "<path>: No such file or
+// directory",
 // "<path>: Is a directory", "<path>: larger than 16 MiB".
 bool ReadFileCapped(const std::string& path, std::size_t cap, std::string* data,
                     std::string* error);
