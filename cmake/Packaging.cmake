@@ -45,6 +45,9 @@ add_custom_command(
 add_custom_target(lumetry_deb_changelog ALL DEPENDS "${CMAKE_BINARY_DIR}/debian/changelog.Debian.gz")
 install(FILES "${LUMETRY_DEB_DIR}/copyright" "${CMAKE_BINARY_DIR}/debian/changelog.Debian.gz"
         DESTINATION "${LUMETRY_DOC_DIR}")
+# The one justified override: the crash processor's static Expat.
+install(FILES "${LUMETRY_DEB_DIR}/lintian-overrides"
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides" RENAME ${LUMETRY_DEB_PACKAGE})
 file(WRITE "${CMAKE_BINARY_DIR}/debian/conffiles"
      "${LUMETRY_CONFIG_DIR}/VxLog.config.example\n")
 set(LUMETRY_DEB_CONTROL "${CMAKE_BINARY_DIR}/debian/conffiles" "${LUMETRY_DEB_DIR}/postrm")
