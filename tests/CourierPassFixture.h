@@ -39,15 +39,6 @@ inline std::string Answers(const std::string& path, const std::string& answers) 
   return ts::JsonString(path) + ": [" + answers + "]";
 }
 
-inline std::string HttpDate(std::int64_t when) {
-  const time_t t = static_cast<time_t>(when);
-  struct tm parts;
-  gmtime_r(&t, &parts);
-  char buffer[64];
-  const std::size_t n = strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return std::string(buffer, n);
-}
-
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -1,8 +1,8 @@
 // A real HTTPS server for the uploader's tests: a small Python script on a
 // free loopback port with a certificate for the maker's hosts, signed by a
 // test CA made with the openssl command. Each test scripts its answers and
-// reads back what the server received. The server is stopped (with a bounded
-// wait) when the object goes away, and stops by itself after two minutes.
+// reads back what the server received. The server is killed when the object
+// goes away, and stops by itself after two minutes.
 #ifndef LUMETRY_TESTS_COURIERTESTSERVER_H_
 #define LUMETRY_TESTS_COURIERTESTSERVER_H_
 
@@ -42,7 +42,7 @@ class CourierTestServer {
 
   // Starts the server and waits (at most 15 s) for its port. False on failure.
   bool Start();
-  // Stops the server (SIGTERM, then SIGKILL after 5 s) and reaps it.
+  // Kills the server and reaps it.
   void Stop();
 
   int port() const { return port_; }
@@ -54,7 +54,7 @@ class CourierTestServer {
   bool Script(const std::string& json) const;
   // Every request received so far, in order.
   std::vector<RecordedRequest> Requests() const;
-  // The paths of Requests(), "METHOD PATH" each.
+  // "METHOD PATH" of each of Requests().
   std::vector<std::string> RequestLines() const;
 
  private:

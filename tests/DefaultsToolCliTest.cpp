@@ -18,34 +18,26 @@ const std::string kTool = std::string(TOOLS_DIR) + "/lumetry-defaults";
 const std::string kPython = "/usr/bin/python3";
 const std::string kDomain = "com.quorvik.test";
 
-// The values every round trip carries, as a Python literal.
+// The values every round trip carries, as JSON in the form Stored() gives.
 const std::string kSample =
-    "{'s': 'caf\\u00e9 \"quoted\"', 'i': -7, 'max': 2147483647, "
-    "'d': {'a': 1, 'b': 'x'}, 'arr': [1, 'two', {'k': 'v'}]}";
+    R"({"arr": [1, "two", {"k": "v"}], "d": {"a": 1, "b": "x"}, "i": -7, "max": 2147483647, )"
+    R"("s": "caf\u00e9 \"quoted\""})";
 
 class DefaultsTool : public ::testing::Test {
  protected:
   ts::RunResult Tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
-    return ts::RunProgram(args, Env());
-  }
-  // Runs Python with `code`; sys.argv[1:] are `args`.
-  ts::RunResult Python(const std::string& code, const std::vector<std::string>& args = {}) {
-    std::vector<std::string> argv = {kPython, "-c", code};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return ts::RunProgram(argv, Env());
+    return ts::RunProgram(args, {"LUMETRY_SYSTEM_PREFS_DIR=" + SystemDir()});
   }
   // The stored file as canonical JSON, read by plistlib.
   std::string Stored(const std::string& path) {
-    const auto run = Python(
-        "import json,plistlib,sys\n"
-        "print(json.dumps(plistlib.load(open(sys.argv[1],'rb')),sort_keys=True))",
-        {path});
+    const auto run =
+        ts::RunProgram({kPython, "-c",
+                        "import json,plistlib,sys\n"
+                        "print(json.dumps(plistlib.load(open(sys.argv[1],'rb')),sort_keys=True))",
+                        path});
     EXPECT_EQ(run.status, 0) << run.err;
     return run.out;
-  }
-  std::string SampleJson() {
-    return Python("import json\nprint(json.dumps(" + kSample + ",sort_keys=True))").out;
   }
   std::string HostId() {
     const auto run = Tool({"paths"});
@@ -53,14 +45,11 @@ class DefaultsTool : public ::testing::Test {
     return first.rfind("HOST-ID: ", 0) == 0 ? first.substr(9) : "";
   }
   std::string home_path() const { return home_.path(); }
-  std::string UserDir() const { return home_.path() + "/Library/Preferences"; }
-  std::string SystemDir() const { return home_.Sub("system"); }
+  std::string UserDir() const { return home_.Library() + "/Preferences"; }
+  std::string SystemDir() const { return home_.path() + "/system"; }
 
  private:
-  std::vector<std::string> Env() const {
-    return {"HOME=" + home_.path(), "LUMETRY_SYSTEM_PREFS_DIR=" + home_.Sub("system")};
-  }
-  ts::ScopedTempDir home_;
+  ts::ScopedHome home_;
 };
 
 TEST_F(DefaultsTool, HostIdIsTheMachineIdAsAUuid) {
@@ -135,16 +124,10 @@ TEST_F(DefaultsTool, EveryVerbInEveryScope) {
 }
 
 TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
-  const std::string sample = SampleJson();
-  ASSERT_FALSE(sample.empty());
-  for (const std::string format : {"FMT_XML", "FMT_BINARY"}) {
-    SCOPED_TRACE(format);
+  for (const bool binary : {false, true}) {
+    SCOPED_TRACE(binary);
     const std::string file = UserDir() + "/" + kDomain + ".plist";
-    ASSERT_TRUE(ts::MakeDirs(UserDir()));
-    const auto wrote = Python("import plistlib,sys\nplistlib.dump(" + kSample +
-                                  ",open(sys.argv[1],'wb'),fmt=plistlib." + format + ")",
-                              {file});
-    ASSERT_EQ(wrote.status, 0) << wrote.err;
+    ASSERT_TRUE(ts::WritePlist(file, kSample, binary));
 
     const struct {
       std::string key;
@@ -165,9 +148,9 @@ TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
     // export -> plistlib, import <- plistlib's file, and the store's own file.
     const std::string exported = home_path() + "/exported.plist";
     ASSERT_EQ(Tool({"export", kDomain, exported}).status, 0);
-    EXPECT_EQ(Stored(exported), sample);
+    EXPECT_EQ(Stored(exported), kSample + "\n");
     EXPECT_EQ(Tool({"import", "com.quorvik.copy", file}).status, 0);
-    EXPECT_EQ(Stored(UserDir() + "/com.quorvik.copy.plist"), sample);
+    EXPECT_EQ(Stored(UserDir() + "/com.quorvik.copy.plist"), kSample + "\n");
     EXPECT_EQ(Tool({"export", "com.quorvik.copy", "-"}).out.rfind("<?xml", 0), 0u);
     EXPECT_EQ(Tool({"write", kDomain, "i", "-int", "8"}).status, 0);
     EXPECT_NE(Stored(file).find("\"i\": 8"), std::string::npos);
@@ -196,6 +179,7 @@ TEST_F(DefaultsTool, RefusesBadCommandsAndBadImports) {
       {{"write", kDomain, "k", "-int", "1", "-string", "s"}, 2, "give -string or -int, not both"},
       {{"read", kDomain, "-string", "s"}, 2, "-string, -int and -dict-add belong to 'write'"},
       {{"read", "a/b"}, 1, "'a/b' is not a valid domain name"},
+      {{"delete", "a/b", "k"}, 1, "'a/b' is not a valid domain name"},
       {{"import", kDomain, home_path() + "/list.plist"},
        1,
        home_path() + "/list.plist: not a property list holding a dictionary"},
