@@ -54,11 +54,7 @@ class PassTest : public ::testing::Test {
   void SetConfig(const std::string& extra) {
     ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.cfg", kDefaults + extra));
   }
-  std::string Config() const {
-    std::string text;
-    ts::ReadFile(configDir_ + "/LogCourier2.cfg", &text);
-    return text;
-  }
+  std::string Config() const { return ts::Contents(configDir_ + "/LogCourier2.cfg"); }
   void Script(const std::string& body) { ASSERT_TRUE(server_.Script("{" + body + "}")); }
 
   // A usage log `age` seconds old (by modification time).

@@ -45,7 +45,6 @@ class CourierTestServer {
   // Kills the server and reaps it.
   void Stop();
 
-  int port() const { return port_; }
   // "--connect-to" value that sends every request for any host to the server.
   std::string ConnectTo() const;
   // "--connect-to" value for the default server address only.

@@ -59,11 +59,9 @@ TEST_F(DefaultsTool, HostIdIsTheMachineIdAsAUuid) {
     EXPECT_FALSE(host_id.empty());  // the host name stands in
     return;
   }
-  std::string expected;
-  for (std::size_t i = 0; i < 32; ++i) {
-    if (i == 8 || i == 12 || i == 16 || i == 20) expected += '-';
-    expected += static_cast<char>(std::toupper(static_cast<unsigned char>(machine_id[i])));
-  }
+  std::string expected = machine_id.substr(0, 32);
+  for (char& c : expected) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (const unsigned at : {20u, 16u, 12u, 8u}) expected.insert(at, 1, '-');
   EXPECT_EQ(host_id, expected);
 }
 
