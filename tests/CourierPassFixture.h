@@ -42,14 +42,12 @@ inline std::string Answers(const std::string& path, const std::string& answers) 
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetSystemPreferencesDirForTesting(system_.path());
     ASSERT_TRUE(server_.Start());
     spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
     ASSERT_TRUE(ts::MakeDirs(spool_));
     configDir_ = home_.Library() + "/Application Support/Quorvik/LogCourier2QX";
     SetConfig("");
   }
-  void TearDown() override { SetSystemPreferencesDirForTesting(""); }
 
   void SetConfig(const std::string& extra) {
     ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.cfg", kDefaults + extra));
@@ -96,16 +94,9 @@ class PassTest : public ::testing::Test {
     return attempts == nullptr ? 0 : attempts->failures;
   }
 
-  std::vector<std::string> Uploaded() const {
-    std::vector<std::string> names;
-    for (const auto& r : server_.Requests()) {
-      if (r.method == "POST") names.push_back(ts::UploadedFileName(r));
-    }
-    return names;
-  }
-
   ts::ScopedHome home_;
   ts::ScopedTempDir system_;
+  const ts::ScopedOverride systemPrefs_{&SetSystemPreferencesDirForTesting, system_.path()};
   ts::CourierTestServer server_;
   std::string spool_;
   std::string configDir_;

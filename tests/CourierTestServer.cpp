@@ -90,12 +90,6 @@ void CourierTestServer::Stop() {
   pid_ = -1;
 }
 
-std::string CourierTestServer::ConnectTo() const { return "::127.0.0.1:" + std::to_string(port_); }
-
-std::string CourierTestServer::ConnectToDefault() const {
-  return "lumetry.quorvik.com:443:127.0.0.1:" + std::to_string(port_);
-}
-
 bool CourierTestServer::Script(const std::string& json) const {
   const std::string path = dir_.Sub("script.json");
   return WriteFile(path + ".tmp", json) && std::rename((path + ".tmp").c_str(), path.c_str()) == 0;
@@ -146,12 +140,17 @@ std::string JsonString(const std::string& text) {
   return out + "\"";
 }
 
-std::string UploadedFileName(const RecordedRequest& request) {
+std::vector<std::string> CourierTestServer::Uploaded() const {
+  std::vector<std::string> names;
   const std::string key = "filename=\"";
-  const auto at = request.body.find(key);
-  const auto end = at == std::string::npos ? at : request.body.find('"', at + key.size());
-  return end == std::string::npos ? ""
-                                  : request.body.substr(at + key.size(), end - at - key.size());
+  for (const RecordedRequest& r : Requests()) {
+    const auto at = r.body.find(key);
+    if (r.method == "POST" && at != std::string::npos) {
+      names.push_back(
+          r.body.substr(at + key.size(), r.body.find('"', at + key.size()) - at - key.size()));
+    }
+  }
+  return names;
 }
 
 }  // namespace testing_support

@@ -45,16 +45,19 @@ class CourierTestServer {
   // Kills the server and reaps it.
   void Stop();
 
-  // "--connect-to" value that sends every request for any host to the server.
-  std::string ConnectTo() const;
-  // "--connect-to" value for the default server address only.
-  std::string ConnectToDefault() const;
+  // "--connect-to" values for requests to any host, or to the default address.
+  std::string ConnectTo() const { return "::127.0.0.1:" + std::to_string(port_); }
+  std::string ConnectToDefault() const {
+    return "lumetry.quorvik.com:443:127.0.0.1:" + std::to_string(port_);
+  }
   // Replaces the answer script (see courier_test_server.py for its form).
   bool Script(const std::string& json) const;
   // Every request received so far, in order.
   std::vector<RecordedRequest> Requests() const;
   // "METHOD PATH" of each of Requests().
   std::vector<std::string> RequestLines() const;
+  // The "filename" of each multipart upload received, in order.
+  std::vector<std::string> Uploaded() const;
 
  private:
   ScopedTempDir dir_;
@@ -64,9 +67,6 @@ class CourierTestServer {
 
 // A JSON string literal of `text` (quotes included).
 std::string JsonString(const std::string& text);
-
-// The "filename" of a recorded multipart upload, or "".
-std::string UploadedFileName(const RecordedRequest& request);
 
 }  // namespace testing_support
 

@@ -20,9 +20,6 @@ constexpr PrefHost kAny = PrefHost::kAnyHost;
 
 class PreferenceDomainsTest : public ::testing::Test {
  protected:
-  PreferenceDomainsTest() { SetSystemPreferencesDirForTesting(system_.path()); }
-  ~PreferenceDomainsTest() override { SetSystemPreferencesDirForTesting(""); }
-
   static PrefValue Parse(const std::string& xml_body) {
     PrefValue value;
     const std::string doc =
@@ -33,6 +30,7 @@ class PreferenceDomainsTest : public ::testing::Test {
 
   ts::ScopedHome home_;
   ts::ScopedTempDir system_;
+  const ts::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting, system_.path()};
 };
 
 TEST_F(PreferenceDomainsTest, ListsOnlyDomainFilesOfTheScope) {

@@ -128,13 +128,9 @@ TEST_F(UploaderCliTest, KilledWhileWaitingTheNextPassFinishesTheWork) {
 
   ASSERT_TRUE(server_.Script(R"({"/lumetry/UploadFile/": [{"status": 200}]})"));
   EXPECT_EQ(0, Run({}).status);  // the lock died with the process
-  std::vector<std::string> uploads;
-  for (const auto& r : server_.Requests()) {
-    if (r.method == "POST") uploads.push_back(ts::UploadedFileName(r));
-  }
   // Only the file whose answer never arrived went out twice.
   EXPECT_EQ((std::vector<std::string>{"ulog_A_B_k_0.xml", "ulog_A_B_k_0.xml", "ulog_A_B_l_0.xml"}),
-            uploads);
+            server_.Uploaded());
   EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
 }
 

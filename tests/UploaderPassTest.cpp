@@ -78,7 +78,7 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   const PassSummary summary = Run();
   EXPECT_EQ((std::vector<std::string>{"ulog_A_B_oldest_0.rdy", "ulog_A_B_middle_0.xml",
                                       "ulog_A_B_newest_0.xml"}),
-            Uploaded());
+            server_.Uploaded());
   EXPECT_EQ(3, summary.sent);
   EXPECT_EQ(1, summary.busy);
   EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "elsewhere.xml", "ulog_A_B_busy_0.rdy",
@@ -88,7 +88,7 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   writer.Close();  // written: the next pass sends it
   Run();
   EXPECT_FALSE(InSpool("ulog_A_B_busy_0.rdy"));
-  EXPECT_EQ("ulog_A_B_busy_0.rdy", Uploaded().back());
+  EXPECT_EQ("ulog_A_B_busy_0.rdy", server_.Uploaded().back());
 }
 
 TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
@@ -117,7 +117,7 @@ TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
   };
   for (const Step& step : steps) {
     Run(step.at);
-    EXPECT_EQ(step.posts, Uploaded().size()) << step.at - t;
+    EXPECT_EQ(step.posts, server_.Uploaded().size()) << step.at - t;
     EXPECT_EQ(step.failures, Failures(name)) << step.at - t;
     EXPECT_EQ(step.kept, InSpool(name)) << step.at - t;
     const std::string saved = ts::Contents(configDir_ + "/LogCourier2.attempts");
@@ -135,15 +135,15 @@ TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
     Script(Answers(kUpload, "{\"status\": " + std::to_string(status) +
                                 ", \"headers\": {\"Retry-After\": " + ts::JsonString(value) +
                                 "}}, {\"status\": 200}"));
-    const auto posts = Uploaded().size();
+    const auto posts = server_.Uploaded().size();
     const PassSummary first = Run(t);  // the second file is not tried after the answer
-    EXPECT_EQ(posts + 1, Uploaded().size()) << value;
+    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
     EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
     EXPECT_NE(std::string::npos, first.stopReason.find("retry after")) << first.stopReason;
     Run(t + 60);  // still inside the wait: no upload at all
-    EXPECT_EQ(posts + 1, Uploaded().size()) << value;
+    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
     Run(t + 125);  // over: both go
-    EXPECT_EQ(posts + 3, Uploaded().size()) << value;
+    EXPECT_EQ(posts + 3, server_.Uploaded().size()) << value;
     EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
     ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ""));
   }

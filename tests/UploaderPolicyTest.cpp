@@ -42,7 +42,7 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
   AddLog("ulog_A_B_k_0.rdy", "x");
   for (const Case& c : cases) {
     ts::ScopedTempDir system;  // a fresh any-user store per case
-    SetSystemPreferencesDirForTesting(system.path());
+    systemPrefs_.Set(system.path());
     ::unlink(PreferenceFilePath(kDomain, user, here).c_str());  // the user's switches back on
     SetConfig(c.config);
     ASSERT_TRUE(c.set()) << c.what;
@@ -51,7 +51,7 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
     EXPECT_FALSE(summary.quietReason.empty()) << c.what;
     EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy")) << c.what;
     EXPECT_TRUE(server_.Requests().empty()) << c.what;
-    SetSystemPreferencesDirForTesting(system_.path());
+    systemPrefs_.Set(system_.path());
   }
 }
 
@@ -66,7 +66,7 @@ TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
   const PassSummary summary = Run();
   EXPECT_EQ(1, summary.paused);
   EXPECT_EQ((std::vector<std::string>{"ulog_Old_Item_K_1_0.rdy", "ulog_Other_Thing_K_1_0.rdy"}),
-            Uploaded());
+            server_.Uploaded());
   EXPECT_TRUE(InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy"));
   const std::string config = Config();
   EXPECT_NE(std::string::npos, config.find("status=Active")) << config;
