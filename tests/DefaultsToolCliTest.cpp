@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -100,23 +101,21 @@ TEST_F(DefaultsTool, EveryVerbInEveryScope) {
     EXPECT_EQ(tool({"domains"}).out, kDomain + "\n");
     EXPECT_EQ(tool({"read"}).out.rfind("{\n    " + kDomain + " = {\n", 0), 0u);
 
+    auto fails = [&](std::vector<std::string> args, const std::string& why) {
+      const auto run = tool(std::move(args));
+      EXPECT_EQ(run.status, 1) << why;
+      EXPECT_EQ(run.err, "lumetry-defaults: " + scope.file + ": " + why + "\n");
+    };
     // A dictionary entry cannot go into a string.
-    const auto refused = tool({"write", kDomain, "name", "-dict-add", "e", "-int", "1"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err,
-              "lumetry-defaults: " + scope.file + ": 'name' holds a string, not a dictionary\n");
-
+    fails({"write", kDomain, "name", "-dict-add", "e", "-int", "1"},
+          "'name' holds a string, not a dictionary");
     EXPECT_EQ(tool({"delete", kDomain, "count"}).status, 0);
-    const auto gone = tool({"read", kDomain, "count"});
-    EXPECT_EQ(gone.status, 1);
-    EXPECT_EQ(gone.err, "lumetry-defaults: " + scope.file + ": no key 'count'\n");
-    EXPECT_EQ(tool({"delete", kDomain, "count"}).status, 1);
-
+    fails({"read", kDomain, "count"}, "no key 'count'");
+    fails({"delete", kDomain, "count"}, "no key 'count'");
     EXPECT_EQ(tool({"delete", kDomain}).status, 0);
     EXPECT_FALSE(ts::PathExists(scope.file));
-    const auto missing = tool({"read", kDomain});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, "lumetry-defaults: " + scope.file + ": No such file or directory\n");
+    fails({"read", kDomain}, "No such file or directory");
+    fails({"delete", kDomain}, "No such file or directory");
     EXPECT_EQ(tool({"domains"}).out, "");
   }
 }
@@ -127,20 +126,17 @@ TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
     const std::string file = UserDir() + "/" + kDomain + ".plist";
     ASSERT_TRUE(ts::WritePlist(file, kSample, binary));
 
-    const struct {
-      std::string key;
-      std::string type;
-      std::string value;
-    } reads[] = {
+    const std::tuple<std::string, std::string, std::string> reads[] = {
+        // key, type, value
         {"s", "string", "\"caf\xC3\xA9 \\\"quoted\\\"\""},
         {"i", "integer", "-7"},
         {"max", "integer", "2147483647"},
         {"d", "dictionary", "{\n    a = 1;\n    b = \"x\";\n}"},
         {"arr", "array", "(\n    1,\n    \"two\",\n    {\n        k = \"v\";\n    }\n)"},
     };
-    for (const auto& r : reads) {
-      EXPECT_EQ(Tool({"read", kDomain, r.key}).out, r.value + "\n");
-      EXPECT_EQ(Tool({"read-type", kDomain, r.key}).out, "Type is " + r.type + "\n");
+    for (const auto& [key, type, value] : reads) {
+      EXPECT_EQ(Tool({"read", kDomain, key}).out, value + "\n");
+      EXPECT_EQ(Tool({"read-type", kDomain, key}).out, "Type is " + type + "\n");
     }
 
     // export -> plistlib, import <- plistlib's file, and the store's own file.
@@ -156,8 +152,7 @@ TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
 }
 
 TEST_F(DefaultsTool, RefusesBadCommandsAndBadImports) {
-  ASSERT_TRUE(ts::WriteFile(home_path() + "/list.plist",
-                            "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>"));
+  ASSERT_TRUE(ts::WritePlist(home_path() + "/list.plist", "[]", false));
   ASSERT_TRUE(ts::WriteFile(home_path() + "/junk.plist", "not a property list"));
   const struct {
     std::vector<std::string> args;
