@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "SessionInfo.h"
@@ -67,27 +68,23 @@ TEST(HostKitPieceCheck, AcceptsAndRefusesByContent) {
 }
 
 TEST(HostKitSessionName, DecodesToTheHostsPiecesAsTheCrashProcessorReadsThem) {
-  struct Case {
-    lumetry_host_session session;
-    pid_t pid;
-  };
-  const Case cases[] = {
+  const std::pair<lumetry_host_session, pid_t> cases[] = {
       {{"QuorvikCreative", "PhotoStudio", "SESS-01", "K7F3", "PhotoStudio"}, 4711},
       {{"Fam", "Name", "12", "123", "Prod.v2"}, 12},  // a "." in the last piece
       {{"Fam ily", "N\xc3\xa4me", "S 1", "K.1", "P"}, 2147483647},
   };
-  for (const Case& c : cases) {
-    const std::string name = NameFor(c.session, c.pid);
+  for (const auto& [session, pid] : cases) {
+    const std::string name = NameFor(session, pid);
     SCOPED_TRACE(name);
     const SessionInfoRecord record = ParseSessionInfoName(name);
-    EXPECT_EQ(record.field1, std::to_string(c.pid));
-    EXPECT_EQ(record.crashProductFamily, c.session.product_family);
-    EXPECT_EQ(record.crashProductName, c.session.product_name);
-    EXPECT_EQ(record.sessionId, c.session.session_id);
-    EXPECT_EQ(record.logNameKey, c.session.log_name_key);
+    EXPECT_EQ(record.field1, std::to_string(pid));
+    EXPECT_EQ(record.crashProductFamily, session.product_family);
+    EXPECT_EQ(record.crashProductName, session.product_name);
+    EXPECT_EQ(record.sessionId, session.session_id);
+    EXPECT_EQ(record.logNameKey, session.log_name_key);
     EXPECT_EQ(record.field6, "20261118T110640Z");
     EXPECT_EQ(record.field7, LH_NAME_TAG);
-    EXPECT_EQ(record.processName, c.session.process_name);
+    EXPECT_EQ(record.processName, session.process_name);
     EXPECT_EQ(name.rfind(LH_NAME_EXTENSION), name.size() - 5);
     EXPECT_EQ(name.find('/'), std::string::npos);
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PreferenceDomains.h"
@@ -85,10 +86,8 @@ TEST_F(PreferenceDomainsTest, ReplaceKeepsEveryKindAndRefusesNonDictionaries) {
 }
 
 TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
-  const struct {
-    std::string xml;
-    std::string text;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // property list, dump
       {"<string>a\"b\\c\nd\te\x01</string>", "\"a\\\"b\\\\c\\nd\\te\\001\""},
       {"<integer>-2147483648</integer>", "-2147483648"},
       {"<dict/>", "{\n}"},
@@ -97,9 +96,7 @@ TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
        "{\n    \"odd key\" = (\n        {\n        }\n    );\n}"},
       {"<date>2001-01-02T00:00:00Z</date>", "2001-01-02 00:00:00 +0000"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(pd::Describe(Parse(c.xml)), c.text) << c.xml;
-  }
+  for (const auto& [xml, text] : cases) EXPECT_EQ(pd::Describe(Parse(xml)), text) << xml;
   EXPECT_EQ(pd::Describe(PrefValue()), "");
 
   // Deep nesting from a hostile file is cut short, not walked to a crash.

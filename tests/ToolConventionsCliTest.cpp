@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -57,10 +58,8 @@ TEST(ToolConventionsCliTest, HelpAndVersionGoToStandardOutput) {
 
 TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
   ts::ScopedTempDir home;
-  const struct {
-    std::vector<std::string> args;
-    std::string message;
-  } cases[] = {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      // arguments, message
       {{"--x"}, "unrecognized option '--x'"},
       {{"--x=1"}, "unrecognized option '--x'"},
       {{"-z"}, "invalid option -- 'z'"},
@@ -68,12 +67,12 @@ TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
       {{"--nope", "--version"}, "unrecognized option '--nope'"},
   };
   for (const ToolCase& tool : kTools) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(tool.name + " " + c.args[0]);
-      const auto run = RunTool(tool, c.args, home.path());
+    for (const auto& [args, message] : cases) {
+      SCOPED_TRACE(tool.name + " " + args[0]);
+      const auto run = RunTool(tool, args, home.path());
       EXPECT_EQ(run.status, 2);
       EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + c.message + "\nTry '" + tool.name + " --help'.\n");
+      EXPECT_EQ(run.err, tool.name + ": " + message + "\nTry '" + tool.name + " --help'.\n");
     }
   }
 }
@@ -86,22 +85,20 @@ TEST(ToolConventionsCliTest, UnreadableInputsNameTheFileAndTheReason) {
     const std::string big = home.Sub("big-" + tool.name);
     ASSERT_TRUE(ts::WriteFile(big, ""));
     ASSERT_EQ(::truncate(big.c_str(), static_cast<off_t>(tool.cap + 1)), 0);
-    const struct {
-      std::string file;
-      std::string reason;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
+        // file, reason
         {home.Sub("missing"), "No such file or directory"},
         {home.path(), "Is a directory"},
         {big, "larger than " + std::to_string(tool.cap / kMiB) + " MiB"},
     };
-    for (const auto& c : cases) {
-      SCOPED_TRACE(tool.name + " " + c.file);
+    for (const auto& [file, reason] : cases) {
+      SCOPED_TRACE(tool.name + " " + file);
       std::vector<std::string> args = tool.file_args;
-      args.push_back(c.file);
+      args.push_back(file);
       const auto run = RunTool(tool, args, home.path());
       EXPECT_EQ(run.status, 1);
       EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + c.file + ": " + c.reason + "\n");
+      EXPECT_EQ(run.err, tool.name + ": " + file + ": " + reason + "\n");
     }
   }
 }

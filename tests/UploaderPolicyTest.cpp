@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CourierPassFixture.h"
@@ -133,11 +134,8 @@ TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
 TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
   const std::string path = GetTarvixPolicyPath();
   const std::string policy = "<policy>one</policy>\n";
-  struct Case {
-    std::string answer;
-    std::string expected;
-  };
-  const std::vector<Case> cases = {
+  // The answer and the policy file afterwards.
+  const std::vector<std::pair<std::string, std::string>> cases = {
       {"{\"status\": 200, \"body\": " + ts::JsonString(policy) + "}", policy},
       {R"({"status": 204})", policy},
       {R"({"status": 404})", policy},
@@ -146,12 +144,12 @@ TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
       {R"({"action": "close"})", policy},
       {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')},
   };
-  for (const Case& c : cases) {
-    Script(Answers(kPolicy, c.answer));
+  for (const auto& [answer, expected] : cases) {
+    Script(Answers(kPolicy, answer));
     Run();
     std::string stored;
-    EXPECT_TRUE(ts::ReadFile(path, &stored)) << c.answer;
-    EXPECT_TRUE(stored == c.expected) << c.answer << " gave " << stored.size() << " bytes";
+    EXPECT_TRUE(ts::ReadFile(path, &stored)) << answer;
+    EXPECT_TRUE(stored == expected) << answer << " gave " << stored.size() << " bytes";
     // Written through a temporary file that is renamed: none is left behind.
     EXPECT_EQ(std::vector<std::string>{"tarvix_policy.xml"},
               ts::ListNames(path.substr(0, path.rfind('/'))));
