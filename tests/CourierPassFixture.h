@@ -36,7 +36,7 @@ inline const std::string kConfig = "/lumetry/GetConfig/";
 inline const std::string kPolicy = "/lumetry/GetTarvix/";
 
 inline std::string Answers(const std::string& path, const std::string& answers) {
-  return ts::JsonString(path) + ": [" + answers + "]";
+  return "\"" + path + "\": [" + answers + "]";
 }
 
 class PassTest : public ::testing::Test {

@@ -124,22 +124,6 @@ std::vector<std::string> CourierTestServer::RequestLines() const {
   return lines;
 }
 
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    char escaped[8];
-    if (c == '"' || c == '\\') {
-      out += {'\\', c};
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-      out += escaped;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
 std::vector<std::string> CourierTestServer::Uploaded() const {
   std::vector<std::string> names;
   const std::string key = "filename=\"";

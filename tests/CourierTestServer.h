@@ -65,9 +65,6 @@ class CourierTestServer {
   int port_ = 0;
 };
 
-// A JSON string literal of `text` (quotes included).
-std::string JsonString(const std::string& text);
-
 }  // namespace testing_support
 
 #endif  // LUMETRY_TESTS_COURIERTESTSERVER_H_

@@ -131,8 +131,8 @@ TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
     AddLog("ulog_A_B_first_0.rdy", "1", 300);
     AddLog("ulog_A_B_second_0.rdy", "2", 200);
     Script(Answers(kUpload, "{\"status\": " + std::to_string(status) +
-                                ", \"headers\": {\"Retry-After\": " + ts::JsonString(value) +
-                                "}}, {\"status\": 200}"));
+                                ", \"headers\": {\"Retry-After\": \"" + value +
+                                "\"}}, {\"status\": 200}"));
     const auto posts = server_.Uploaded().size();
     const PassSummary first = Run(t);  // the second file is not tried after the answer
     EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;

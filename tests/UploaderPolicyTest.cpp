@@ -136,7 +136,7 @@ TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
   const std::string policy = "<policy>one</policy>\n";
   // The answer and the policy file afterwards.
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"{\"status\": 200, \"body\": " + ts::JsonString(policy) + "}", policy},
+      {R"({"status": 200, "body": "<policy>one</policy>\n"})", policy},
       {R"({"status": 204})", policy},
       {R"({"status": 404})", policy},
       {R"({"status": 500, "body": "broken"})", policy},
