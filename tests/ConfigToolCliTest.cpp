@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "TestSupport.h"
@@ -65,40 +64,36 @@ TEST(ConfigToolCliTest, NamesEachRefusedValue) {
                             "[settings]\nmaxdiskspace=99999\nretryinterval=0\nmaxretries=5\n"
                             "url=https://evil.example.org/x\n[ulog]\nstatus=kill\n"));
   const std::string url = "https://lumetry.quorvik.com/lumetry";  // the default address
-  // Key, value, reason and the value used instead; maxretries=5 is accepted.
-  const std::tuple<std::string, std::string, std::string, std::string> refused[] = {
-      {"maxdiskspace", "99999", "accepted 5..100", "10"},
-      {"retryinterval", "0", "accepted 1..60", "10"},
-      {"url", "https://evil.example.org/x", "not an allowed server address", url},
-      {"status", "kill", "accepted Active, Kill, Hibernate", "Active"}};
-  std::string lines;
-  std::string json;
-  for (const auto& [key, value, reason, used] : refused) {
-    lines += "logcourier-config: " + path + ": " + key + "=" + value + " refused (" + reason +
-             "), using " + used + "\n";
-    json += std::string(json.empty() ? "" : ",") + "{\"key\":\"" + key + "\",\"value\":\"" + value +
-            "\",\"reason\":\"" + reason + "\",\"using\":\"" + used + "\"}";
-  }
+  // Each refusal with the value used instead; maxretries=5 is accepted.
+  const std::string p = "logcourier-config: " + path + ": ";
+  const std::string lines =
+      p + "maxdiskspace=99999 refused (accepted 5..100), using 10\n" + p +
+      "retryinterval=0 refused (accepted 1..60), using 10\n" + p +
+      "url=https://evil.example.org/x refused (not an allowed server address), using " + url +
+      "\n" + p + "status=kill refused (accepted Active, Kill, Hibernate), using Active\n";
   const auto run = ts::RunProgram({kTool, "--file", path});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, lines);
   EXPECT_NE(run.out.find("\nmaxRetries: 5\nserverUrl: " + url + "\n"), std::string::npos);
 
   // The same in one JSON object on one line; the refusals are listed there too.
-  const auto as_json = ts::RunProgram({kTool, "--json", "--file", path});
-  EXPECT_EQ(as_json.status, 0);
-  EXPECT_EQ(as_json.err, lines);
-  EXPECT_EQ(as_json.out, "{\"file\":\"" + path +
-                             "\",\"maxDiskSpace\":10,\"retryInterval\":10,\"maxRetries\":5,"
-                             "\"serverUrl\":\"" +
-                             url + "\",\"uploadUrl\":\"" + url + "/UploadFile/\",\"configUrl\":\"" +
-                             url +
-                             "/GetConfig/\","
-                             "\"tarvixUrl\":\"" +
-                             url +
-                             "/GetTarvix/\",\"status\":\"Active\","
-                             "\"hibernated\":{},\"refused\":[" +
-                             json + "]}\n");
+  const auto json = ts::RunProgram({kTool, "--json", "--file", path});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_EQ(json.err, lines);
+  EXPECT_EQ(json.out,
+            "{\"file\":\"" + path +
+                R"(","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":")" + url +
+                R"(","uploadUrl":")" + url + R"(/UploadFile/","configUrl":")" + url +
+                R"(/GetConfig/","tarvixUrl":")" + url +
+                R"(/GetTarvix/","status":"Active","hibernated":{},"refused":[)"
+                R"({"key":"maxdiskspace","value":"99999","reason":"accepted 5..100","using":"10"},)"
+                R"({"key":"retryinterval","value":"0","reason":"accepted 1..60","using":"10"},)"
+                R"({"key":"url","value":"https://evil.example.org/x",)"
+                R"("reason":"not an allowed server address","using":")" +
+                url +
+                R"("},{"key":"status","value":"kill",)"
+                R"("reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
+                "\n");
 }
 
 }  // namespace

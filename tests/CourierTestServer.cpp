@@ -64,6 +64,7 @@ bool CourierTestServer::Start() {
       PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--cert",     certs.certFile, "--key", certs.keyFile,
       "--dir",        dir_.path(),           "--lifetime", "120"};
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {

@@ -33,6 +33,7 @@ namespace {
 // core-dump flag.
 int RawStatus(std::vector<std::string> args, const std::string& cwd) {
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -85,26 +86,26 @@ class HostKitCrashTest : public ::testing::Test {
 TEST_F(HostKitCrashTest, EachCrashLeavesOneLogAndKeepsItsDeath) {
   struct Case {
     const char* signal;
-    int number;
     const char* option;
+    int number;
     int rounds;
   };
   const Case cases[] = {
-      {"segv", SIGSEGV, "", 1},
-      {"bus", SIGBUS, "", 1},
-      {"ill", SIGILL, "", 1},
-      {"fpe", SIGFPE, "", 1},
-      {"abrt", SIGABRT, "", 1},
-      {"trap", SIGTRAP, "", 1},
-      {"sys", SIGSYS, "", 1},
+      {"segv", "", SIGSEGV, 1},
+      {"bus", "", SIGBUS, 1},
+      {"ill", "", SIGILL, 1},
+      {"fpe", "", SIGFPE, 1},
+      {"abrt", "", SIGABRT, 1},
+      {"trap", "", SIGTRAP, 1},
+      {"sys", "", SIGSYS, 1},
       // Another thread allocating all the time must not block the hook.
-      {"segv", SIGSEGV, "--malloc-thread", 5},
+      {"segv", "--malloc-thread", SIGSEGV, 5},
       // glibc's fork() would wait for the allocator's lock that the
       // crashing thread itself holds; the hook must not.
-      {"abrt", SIGABRT, "--in-malloc", 1},
+      {"abrt", "--in-malloc", SIGABRT, 1},
       // An application handler installed first still runs.
-      {"segv", SIGSEGV, "--app-handler", 1},
-      {"abrt", SIGABRT, "--app-handler", 1},
+      {"segv", "--app-handler", SIGSEGV, 1},
+      {"abrt", "--app-handler", SIGABRT, 1},
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
     const Case& c = cases[i];
@@ -179,11 +180,10 @@ TEST_F(HostKitCrashTest, PidTrapConsumesOnlyTheCrashedSession) {
   // the host, which keeps that pid.
   const std::string pidFile = home_.path() + "/pid";
   const std::string go = home_.path() + "/go";
-  std::vector<std::string> argv = {"/bin/sh", "-c",
-                                   "echo $$ > \"$0.tmp\" && mv \"$0.tmp\" \"$0\"; i=0; "
-                                   "while [ ! -e \"$1\" ] && [ $i -lt 400 ]; do sleep 0.05; "
-                                   "i=$((i+1)); done; shift; exec \"$@\"",
-                                   pidFile, go};
+  const std::string script =
+      "echo $$ > \"$0.tmp\" && mv \"$0.tmp\" \"$0\"; i=0; while [ ! -e \"$1\" ] && "
+      "[ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done; shift; exec \"$@\"";
+  std::vector<std::string> argv = {"/bin/sh", "-c", script, pidFile, go};
   for (const std::string& a : Host({"--signal", "segv", "--session-id", "Mine"})) argv.push_back(a);
   ts::RunResult host;
   std::thread runner([&] { host = ts::RunProgram(argv); });
