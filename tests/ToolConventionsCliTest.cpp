@@ -16,7 +16,7 @@ namespace {
 
 namespace ts = testing_support;
 
-constexpr std::size_t kMiB = 1024 * 1024;
+constexpr std::size_t kMiB = std::size_t{1024} * 1024;
 
 struct ToolCase {
   std::string name;
@@ -89,7 +89,7 @@ TEST(ToolConventionsCliTest, UnreadableInputsNameTheFileAndTheReason) {
         // file, reason
         {home.Sub("missing"), "No such file or directory"},
         {home.path(), "Is a directory"},
-        {big, "larger than " + std::to_string(tool.cap / kMiB) + " MiB"},
+        {big, tool.cap == kMiB ? "larger than 1 MiB" : "larger than 16 MiB"},
     };
     for (const auto& [file, reason] : cases) {
       SCOPED_TRACE(tool.name + " " + file);

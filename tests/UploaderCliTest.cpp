@@ -116,6 +116,7 @@ TEST_F(UploaderCliTest, KilledWhileWaitingTheNextPassFinishesTheWork) {
   ASSERT_TRUE(server_.Script(R"({"/lumetry/UploadFile/": [{"status": 200, "delay": 5}]})"));
   std::vector<std::string> args = Args({});
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   pid_t pid = -1;  // HOME is the test's home, inherited
