@@ -64,16 +64,6 @@ TEST_F(HostKitSessionTest, PrivateDirectoriesOneSessionFileAndACleanEnd) {
   }
 }
 
-TEST_F(HostKitSessionTest, ExistingDirectoriesKeepTheirModes) {
-  ASSERT_TRUE(ts::MakeDirs(SessionDir()));
-  ASSERT_EQ(::chmod(Logs().c_str(), 0755), 0);
-  ASSERT_EQ(::chmod(SessionDir().c_str(), 0750), 0);
-  ASSERT_EQ(lumetry_host_begin(&kSession), 0);
-  EXPECT_EQ(ts::FileMode(Logs()), 0755);
-  EXPECT_EQ(ts::FileMode(SessionDir()), 0750);
-  EXPECT_EQ(ts::FileMode(SpoolDir()), 0700);
-}
-
 TEST_F(HostKitSessionTest, RefusedPiecesCreateNoFileAndNoDirectory) {
   const char* lumetry_host_session::*const fields[] = {
       &lumetry_host_session::product_family, &lumetry_host_session::product_name,
@@ -98,8 +88,10 @@ TEST_F(HostKitSessionTest, RefusedPiecesCreateNoFileAndNoDirectory) {
   EXPECT_EQ(lumetry_host_session_path(), nullptr);
 }
 
-TEST_F(HostKitSessionTest, PlantedLinksAtOurNameAreNeverFollowed) {
+TEST_F(HostKitSessionTest, ExistingDirectoriesKeepTheirModesAndLinksAreNeverFollowed) {
   ASSERT_TRUE(ts::MakeDirs(SessionDir()));
+  ASSERT_EQ(::chmod(Logs().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(SessionDir().c_str(), 0750), 0);
   const std::string victim = home_.path() + "/victim";
   const std::string absent = home_.path() + "/absent";
   ASSERT_TRUE(ts::WriteFile(victim, "keep me"));
@@ -115,6 +107,9 @@ TEST_F(HostKitSessionTest, PlantedLinksAtOurNameAreNeverFollowed) {
 
   ASSERT_EQ(lumetry_host_begin(&kSession), 0);
 
+  EXPECT_EQ(ts::FileMode(Logs()), 0755);
+  EXPECT_EQ(ts::FileMode(SessionDir()), 0750);
+  EXPECT_EQ(ts::FileMode(SpoolDir()), 0700);  // made now
   EXPECT_EQ(ts::Contents(victim), "keep me");
   EXPECT_EQ(ts::FileMode(victim), 0644);
   EXPECT_FALSE(ts::PathExists(absent));
