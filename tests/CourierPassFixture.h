@@ -36,38 +36,23 @@ inline const std::string kConfig = "/lumetry/GetConfig/";
 inline const std::string kPolicy = "/lumetry/GetTarvix/";
 
 inline std::string Answers(const std::string& path, const std::string& answers) {
-  return ts::JsonString(path) + ": [" + answers + "]";
-}
-
-inline std::string HttpDate(std::int64_t when) {
-  const time_t t = static_cast<time_t>(when);
-  struct tm parts;
-  gmtime_r(&t, &parts);
-  char buffer[64];
-  const std::size_t n = strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return std::string(buffer, n);
+  return "\"" + path + "\": [" + answers + "]";
 }
 
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetSystemPreferencesDirForTesting(system_.path());
     ASSERT_TRUE(server_.Start());
     spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
     ASSERT_TRUE(ts::MakeDirs(spool_));
     configDir_ = home_.Library() + "/Application Support/Quorvik/LogCourier2QX";
     SetConfig("");
   }
-  void TearDown() override { SetSystemPreferencesDirForTesting(""); }
 
   void SetConfig(const std::string& extra) {
     ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.cfg", kDefaults + extra));
   }
-  std::string Config() const {
-    std::string text;
-    ts::ReadFile(configDir_ + "/LogCourier2.cfg", &text);
-    return text;
-  }
+  std::string Config() const { return ts::Contents(configDir_ + "/LogCourier2.cfg"); }
   void Script(const std::string& body) { ASSERT_TRUE(server_.Script("{" + body + "}")); }
 
   // A usage log `age` seconds old (by modification time).
@@ -109,16 +94,9 @@ class PassTest : public ::testing::Test {
     return attempts == nullptr ? 0 : attempts->failures;
   }
 
-  std::vector<std::string> Uploaded() const {
-    std::vector<std::string> names;
-    for (const auto& r : server_.Requests()) {
-      if (r.method == "POST") names.push_back(ts::UploadedFileName(r));
-    }
-    return names;
-  }
-
   ts::ScopedHome home_;
   ts::ScopedTempDir system_;
+  const ts::ScopedOverride systemPrefs_{&SetSystemPreferencesDirForTesting, system_.path()};
   ts::CourierTestServer server_;
   std::string spool_;
   std::string configDir_;

@@ -1,8 +1,8 @@
 // A real HTTPS server for the uploader's tests: a small Python script on a
 // free loopback port with a certificate for the maker's hosts, signed by a
 // test CA made with the openssl command. Each test scripts its answers and
-// reads back what the server received. The server is stopped (with a bounded
-// wait) when the object goes away, and stops by itself after two minutes.
+// reads back what the server received. The server is killed when the object
+// goes away, and stops by itself after two minutes.
 #ifndef LUMETRY_TESTS_COURIERTESTSERVER_H_
 #define LUMETRY_TESTS_COURIERTESTSERVER_H_
 
@@ -42,32 +42,28 @@ class CourierTestServer {
 
   // Starts the server and waits (at most 15 s) for its port. False on failure.
   bool Start();
-  // Stops the server (SIGTERM, then SIGKILL after 5 s) and reaps it.
+  // Kills the server and reaps it.
   void Stop();
 
-  int port() const { return port_; }
-  // "--connect-to" value that sends every request for any host to the server.
-  std::string ConnectTo() const;
-  // "--connect-to" value for the default server address only.
-  std::string ConnectToDefault() const;
+  // "--connect-to" values for requests to any host, or to the default address.
+  std::string ConnectTo() const { return "::127.0.0.1:" + std::to_string(port_); }
+  std::string ConnectToDefault() const {
+    return "lumetry.quorvik.com:443:127.0.0.1:" + std::to_string(port_);
+  }
   // Replaces the answer script (see courier_test_server.py for its form).
   bool Script(const std::string& json) const;
   // Every request received so far, in order.
   std::vector<RecordedRequest> Requests() const;
-  // The paths of Requests(), "METHOD PATH" each.
+  // "METHOD PATH" of each of Requests().
   std::vector<std::string> RequestLines() const;
+  // The "filename" of each multipart upload received, in order.
+  std::vector<std::string> Uploaded() const;
 
  private:
   ScopedTempDir dir_;
   pid_t pid_ = -1;
   int port_ = 0;
 };
-
-// A JSON string literal of `text` (quotes included).
-std::string JsonString(const std::string& text);
-
-// The "filename" of a recorded multipart upload, or "".
-std::string UploadedFileName(const RecordedRequest& request);
 
 }  // namespace testing_support
 

@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -18,34 +19,26 @@ const std::string kTool = std::string(TOOLS_DIR) + "/lumetry-defaults";
 const std::string kPython = "/usr/bin/python3";
 const std::string kDomain = "com.quorvik.test";
 
-// The values every round trip carries, as a Python literal.
+// The values every round trip carries, as JSON in the form Stored() gives.
 const std::string kSample =
-    "{'s': 'caf\\u00e9 \"quoted\"', 'i': -7, 'max': 2147483647, "
-    "'d': {'a': 1, 'b': 'x'}, 'arr': [1, 'two', {'k': 'v'}]}";
+    R"({"arr": [1, "two", {"k": "v"}], "d": {"a": 1, "b": "x"}, "i": -7, "max": 2147483647, )"
+    R"("s": "caf\u00e9 \"quoted\""})";
 
 class DefaultsTool : public ::testing::Test {
  protected:
   ts::RunResult Tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
-    return ts::RunProgram(args, Env());
-  }
-  // Runs Python with `code`; sys.argv[1:] are `args`.
-  ts::RunResult Python(const std::string& code, const std::vector<std::string>& args = {}) {
-    std::vector<std::string> argv = {kPython, "-c", code};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return ts::RunProgram(argv, Env());
+    return ts::RunProgram(args, {"LUMETRY_SYSTEM_PREFS_DIR=" + SystemDir()});
   }
   // The stored file as canonical JSON, read by plistlib.
   std::string Stored(const std::string& path) {
-    const auto run = Python(
-        "import json,plistlib,sys\n"
-        "print(json.dumps(plistlib.load(open(sys.argv[1],'rb')),sort_keys=True))",
-        {path});
+    const auto run =
+        ts::RunProgram({kPython, "-c",
+                        "import json,plistlib,sys\n"
+                        "print(json.dumps(plistlib.load(open(sys.argv[1],'rb')),sort_keys=True))",
+                        path});
     EXPECT_EQ(run.status, 0) << run.err;
     return run.out;
-  }
-  std::string SampleJson() {
-    return Python("import json\nprint(json.dumps(" + kSample + ",sort_keys=True))").out;
   }
   std::string HostId() {
     const auto run = Tool({"paths"});
@@ -53,14 +46,11 @@ class DefaultsTool : public ::testing::Test {
     return first.rfind("HOST-ID: ", 0) == 0 ? first.substr(9) : "";
   }
   std::string home_path() const { return home_.path(); }
-  std::string UserDir() const { return home_.path() + "/Library/Preferences"; }
-  std::string SystemDir() const { return home_.Sub("system"); }
+  std::string UserDir() const { return home_.Library() + "/Preferences"; }
+  std::string SystemDir() const { return home_.path() + "/system"; }
 
  private:
-  std::vector<std::string> Env() const {
-    return {"HOME=" + home_.path(), "LUMETRY_SYSTEM_PREFS_DIR=" + home_.Sub("system")};
-  }
-  ts::ScopedTempDir home_;
+  ts::ScopedHome home_;
 };
 
 TEST_F(DefaultsTool, HostIdIsTheMachineIdAsAUuid) {
@@ -70,11 +60,9 @@ TEST_F(DefaultsTool, HostIdIsTheMachineIdAsAUuid) {
     EXPECT_FALSE(host_id.empty());  // the host name stands in
     return;
   }
-  std::string expected;
-  for (std::size_t i = 0; i < 32; ++i) {
-    if (i == 8 || i == 12 || i == 16 || i == 20) expected += '-';
-    expected += static_cast<char>(std::toupper(static_cast<unsigned char>(machine_id[i])));
-  }
+  std::string expected = machine_id.substr(0, 32);
+  for (char& c : expected) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (const unsigned at : {20u, 16u, 12u, 8u}) expected.insert(at, 1, '-');
   EXPECT_EQ(host_id, expected);
 }
 
@@ -113,61 +101,50 @@ TEST_F(DefaultsTool, EveryVerbInEveryScope) {
     EXPECT_EQ(tool({"domains"}).out, kDomain + "\n");
     EXPECT_EQ(tool({"read"}).out.rfind("{\n    " + kDomain + " = {\n", 0), 0u);
 
+    auto fails = [&](std::vector<std::string> args, const std::string& why) {
+      const auto run = tool(std::move(args));
+      EXPECT_EQ(run.status, 1) << why;
+      EXPECT_EQ(run.err, "lumetry-defaults: " + scope.file + ": " + why + "\n");
+    };
     // A dictionary entry cannot go into a string.
-    const auto refused = tool({"write", kDomain, "name", "-dict-add", "e", "-int", "1"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err,
-              "lumetry-defaults: " + scope.file + ": 'name' holds a string, not a dictionary\n");
-
+    fails({"write", kDomain, "name", "-dict-add", "e", "-int", "1"},
+          "'name' holds a string, not a dictionary");
     EXPECT_EQ(tool({"delete", kDomain, "count"}).status, 0);
-    const auto gone = tool({"read", kDomain, "count"});
-    EXPECT_EQ(gone.status, 1);
-    EXPECT_EQ(gone.err, "lumetry-defaults: " + scope.file + ": no key 'count'\n");
-    EXPECT_EQ(tool({"delete", kDomain, "count"}).status, 1);
-
+    fails({"read", kDomain, "count"}, "no key 'count'");
+    fails({"delete", kDomain, "count"}, "no key 'count'");
     EXPECT_EQ(tool({"delete", kDomain}).status, 0);
     EXPECT_FALSE(ts::PathExists(scope.file));
-    const auto missing = tool({"read", kDomain});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, "lumetry-defaults: " + scope.file + ": No such file or directory\n");
+    fails({"read", kDomain}, "No such file or directory");
+    fails({"delete", kDomain}, "No such file or directory");
     EXPECT_EQ(tool({"domains"}).out, "");
   }
 }
 
 TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
-  const std::string sample = SampleJson();
-  ASSERT_FALSE(sample.empty());
-  for (const std::string format : {"FMT_XML", "FMT_BINARY"}) {
-    SCOPED_TRACE(format);
+  for (const bool binary : {false, true}) {
+    SCOPED_TRACE(binary);
     const std::string file = UserDir() + "/" + kDomain + ".plist";
-    ASSERT_TRUE(ts::MakeDirs(UserDir()));
-    const auto wrote = Python("import plistlib,sys\nplistlib.dump(" + kSample +
-                                  ",open(sys.argv[1],'wb'),fmt=plistlib." + format + ")",
-                              {file});
-    ASSERT_EQ(wrote.status, 0) << wrote.err;
+    ASSERT_TRUE(ts::WritePlist(file, kSample, binary));
 
-    const struct {
-      std::string key;
-      std::string type;
-      std::string value;
-    } reads[] = {
+    const std::tuple<std::string, std::string, std::string> reads[] = {
+        // key, type, value
         {"s", "string", "\"caf\xC3\xA9 \\\"quoted\\\"\""},
         {"i", "integer", "-7"},
         {"max", "integer", "2147483647"},
         {"d", "dictionary", "{\n    a = 1;\n    b = \"x\";\n}"},
         {"arr", "array", "(\n    1,\n    \"two\",\n    {\n        k = \"v\";\n    }\n)"},
     };
-    for (const auto& r : reads) {
-      EXPECT_EQ(Tool({"read", kDomain, r.key}).out, r.value + "\n");
-      EXPECT_EQ(Tool({"read-type", kDomain, r.key}).out, "Type is " + r.type + "\n");
+    for (const auto& [key, type, value] : reads) {
+      EXPECT_EQ(Tool({"read", kDomain, key}).out, value + "\n");
+      EXPECT_EQ(Tool({"read-type", kDomain, key}).out, "Type is " + type + "\n");
     }
 
     // export -> plistlib, import <- plistlib's file, and the store's own file.
     const std::string exported = home_path() + "/exported.plist";
     ASSERT_EQ(Tool({"export", kDomain, exported}).status, 0);
-    EXPECT_EQ(Stored(exported), sample);
+    EXPECT_EQ(Stored(exported), kSample + "\n");
     EXPECT_EQ(Tool({"import", "com.quorvik.copy", file}).status, 0);
-    EXPECT_EQ(Stored(UserDir() + "/com.quorvik.copy.plist"), sample);
+    EXPECT_EQ(Stored(UserDir() + "/com.quorvik.copy.plist"), kSample + "\n");
     EXPECT_EQ(Tool({"export", "com.quorvik.copy", "-"}).out.rfind("<?xml", 0), 0u);
     EXPECT_EQ(Tool({"write", kDomain, "i", "-int", "8"}).status, 0);
     EXPECT_NE(Stored(file).find("\"i\": 8"), std::string::npos);
@@ -175,8 +152,7 @@ TEST_F(DefaultsTool, RoundTripsFilesOfAnotherPropertyListTool) {
 }
 
 TEST_F(DefaultsTool, RefusesBadCommandsAndBadImports) {
-  ASSERT_TRUE(ts::WriteFile(home_path() + "/list.plist",
-                            "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>"));
+  ASSERT_TRUE(ts::WritePlist(home_path() + "/list.plist", "[]", false));
   ASSERT_TRUE(ts::WriteFile(home_path() + "/junk.plist", "not a property list"));
   const struct {
     std::vector<std::string> args;
@@ -196,6 +172,7 @@ TEST_F(DefaultsTool, RefusesBadCommandsAndBadImports) {
       {{"write", kDomain, "k", "-int", "1", "-string", "s"}, 2, "give -string or -int, not both"},
       {{"read", kDomain, "-string", "s"}, 2, "-string, -int and -dict-add belong to 'write'"},
       {{"read", "a/b"}, 1, "'a/b' is not a valid domain name"},
+      {{"delete", "a/b", "k"}, 1, "'a/b' is not a valid domain name"},
       {{"import", kDomain, home_path() + "/list.plist"},
        1,
        home_path() + "/list.plist: not a property list holding a dictionary"},

@@ -15,13 +15,7 @@
 #include "TestSupport.h"
 #include "lumetry/host.h"
 
-using testing_support::FileMode;
-using testing_support::ListNames;
-using testing_support::MakeDirs;
-using testing_support::PathExists;
-using testing_support::ReadFile;
-using testing_support::ScopedHome;
-using testing_support::WriteFile;
+namespace ts = testing_support;
 
 namespace {
 
@@ -37,11 +31,13 @@ class HostKitSessionTest : public ::testing::Test {
   std::string SessionDir() const { return Logs() + "/LumetryQX/SessionInfo"; }
   std::string SpoolDir() const { return Logs() + "/LogCourier2QX"; }
 
-  ScopedHome home_;
+  ts::ScopedHome home_;
 };
 
-TEST_F(HostKitSessionTest, FreshAccountGetsPrivateDirectoriesAndOneSessionFile) {
-  // Whatever the umask, the new directories are 0700 and the file 0600.
+TEST_F(HostKitSessionTest, PrivateDirectoriesOneSessionFileAndACleanEnd) {
+  EXPECT_EQ(lumetry_host_end(), -ENOENT);
+  // Whatever the umask, the new directories are 0700 and the file 0600; each
+  // round opens a new session in the same process after a clean end.
   for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}, mode_t{0777}}) {
     SCOPED_TRACE(mask);
     ASSERT_EQ(::system(("rm -rf '" + home_.Library() + "'").c_str()), 0);
@@ -49,44 +45,23 @@ TEST_F(HostKitSessionTest, FreshAccountGetsPrivateDirectoriesAndOneSessionFile) 
     const int rc = lumetry_host_begin(&kSession);
     ::umask(old);
     ASSERT_EQ(rc, 0);
+    EXPECT_EQ(lumetry_host_begin(&kSession), -EBUSY);
     for (const std::string& dir : {home_.Library(), home_.Library() + "/Logs", Logs(),
                                    Logs() + "/LumetryQX", SessionDir(), SpoolDir()}) {
-      EXPECT_EQ(FileMode(dir), 0700) << dir;
+      EXPECT_EQ(ts::FileMode(dir), 0700) << dir;
     }
-    const std::vector<std::string> names = ListNames(SessionDir());
+    const std::vector<std::string> names = ts::ListNames(SessionDir());
     ASSERT_EQ(names.size(), 1u);
     EXPECT_EQ(names[0].rfind(Token(), 0), 0u) << names[0];
     const std::string path = SessionDir() + "/" + names[0];
     EXPECT_STREQ(lumetry_host_session_path(), path.c_str());
-    EXPECT_EQ(FileMode(path), 0600);
-    EXPECT_EQ(ListNames(SpoolDir()), std::vector<std::string>{});
+    EXPECT_EQ(ts::FileMode(path), 0600);
+    EXPECT_EQ(ts::ListNames(SpoolDir()), std::vector<std::string>{});
     ASSERT_EQ(lumetry_host_end(), 0);
+    EXPECT_EQ(ts::ListNames(SessionDir()), std::vector<std::string>{});
+    EXPECT_EQ(lumetry_host_session_path(), nullptr);
+    EXPECT_EQ(lumetry_host_end(), -ENOENT);
   }
-}
-
-TEST_F(HostKitSessionTest, ExistingDirectoriesKeepTheirModes) {
-  ASSERT_TRUE(MakeDirs(SessionDir()));
-  ASSERT_EQ(::chmod(Logs().c_str(), 0755), 0);
-  ASSERT_EQ(::chmod(SessionDir().c_str(), 0750), 0);
-  ASSERT_EQ(lumetry_host_begin(&kSession), 0);
-  EXPECT_EQ(FileMode(Logs()), 0755);
-  EXPECT_EQ(FileMode(SessionDir()), 0750);
-  EXPECT_EQ(FileMode(SpoolDir()), 0700);
-}
-
-TEST_F(HostKitSessionTest, CleanEndLeavesNothingAndPairsWithBegin) {
-  EXPECT_EQ(lumetry_host_end(), -ENOENT);
-  ASSERT_EQ(lumetry_host_begin(&kSession), 0);
-  EXPECT_EQ(lumetry_host_begin(&kSession), -EBUSY);
-  EXPECT_EQ(ListNames(SessionDir()).size(), 1u);
-  EXPECT_EQ(lumetry_host_end(), 0);
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
-  EXPECT_EQ(lumetry_host_session_path(), nullptr);
-  EXPECT_EQ(lumetry_host_end(), -ENOENT);
-  // A later session of the same process opens again.
-  ASSERT_EQ(lumetry_host_begin(&kSession), 0);
-  EXPECT_EQ(lumetry_host_end(), 0);
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
 }
 
 TEST_F(HostKitSessionTest, RefusedPiecesCreateNoFileAndNoDirectory) {
@@ -109,15 +84,17 @@ TEST_F(HostKitSessionTest, RefusedPiecesCreateNoFileAndNoDirectory) {
   const lumetry_host_session huge = {longest.c_str(), longest.c_str(), longest.c_str(),
                                      longest.c_str(), longest.c_str()};
   EXPECT_EQ(lumetry_host_begin(&huge), -EINVAL);
-  EXPECT_FALSE(PathExists(home_.Library()));
+  EXPECT_FALSE(ts::PathExists(home_.Library()));
   EXPECT_EQ(lumetry_host_session_path(), nullptr);
 }
 
-TEST_F(HostKitSessionTest, PlantedLinksAtOurNameAreNeverFollowed) {
-  ASSERT_TRUE(MakeDirs(SessionDir()));
+TEST_F(HostKitSessionTest, ExistingDirectoriesKeepTheirModesAndLinksAreNeverFollowed) {
+  ASSERT_TRUE(ts::MakeDirs(SessionDir()));
+  ASSERT_EQ(::chmod(Logs().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(SessionDir().c_str(), 0750), 0);
   const std::string victim = home_.path() + "/victim";
   const std::string absent = home_.path() + "/absent";
-  ASSERT_TRUE(WriteFile(victim, "keep me"));
+  ASSERT_TRUE(ts::WriteFile(victim, "keep me"));
   ASSERT_EQ(::chmod(victim.c_str(), 0644), 0);
   // Links at the names this process would use this second and the next.
   const time_t now = ::time(nullptr);
@@ -130,12 +107,13 @@ TEST_F(HostKitSessionTest, PlantedLinksAtOurNameAreNeverFollowed) {
 
   ASSERT_EQ(lumetry_host_begin(&kSession), 0);
 
-  std::string contents;
-  ASSERT_TRUE(ReadFile(victim, &contents));
-  EXPECT_EQ(contents, "keep me");
-  EXPECT_EQ(FileMode(victim), 0644);
-  EXPECT_FALSE(PathExists(absent));
-  const std::vector<std::string> names = ListNames(SessionDir());
+  EXPECT_EQ(ts::FileMode(Logs()), 0755);
+  EXPECT_EQ(ts::FileMode(SessionDir()), 0750);
+  EXPECT_EQ(ts::FileMode(SpoolDir()), 0700);  // made now
+  EXPECT_EQ(ts::Contents(victim), "keep me");
+  EXPECT_EQ(ts::FileMode(victim), 0644);
+  EXPECT_FALSE(ts::PathExists(absent));
+  const std::vector<std::string> names = ts::ListNames(SessionDir());
   ASSERT_EQ(names.size(), 1u);
   struct stat st;
   ASSERT_EQ(::lstat((SessionDir() + "/" + names[0]).c_str(), &st), 0);
@@ -144,11 +122,11 @@ TEST_F(HostKitSessionTest, PlantedLinksAtOurNameAreNeverFollowed) {
 
 TEST_F(HostKitSessionTest, LinkedSessionDirectoryIsRefused) {
   const std::string elsewhere = home_.path() + "/elsewhere";
-  ASSERT_TRUE(MakeDirs(elsewhere));
-  ASSERT_TRUE(MakeDirs(Logs() + "/LumetryQX"));
+  ASSERT_TRUE(ts::MakeDirs(elsewhere));
+  ASSERT_TRUE(ts::MakeDirs(Logs() + "/LumetryQX"));
   ASSERT_EQ(::symlink(elsewhere.c_str(), SessionDir().c_str()), 0);
   EXPECT_LT(lumetry_host_begin(&kSession), 0);
-  EXPECT_EQ(ListNames(elsewhere), std::vector<std::string>{});
+  EXPECT_EQ(ts::ListNames(elsewhere), std::vector<std::string>{});
   EXPECT_EQ(lumetry_host_session_path(), nullptr);
 }
 
@@ -159,14 +137,14 @@ TEST_F(HostKitSessionTest, StaleEntriesOfThisPidGoOthersStay) {
       "__9" + pid + "__Fam_Name_S3_K1_t_host1_Prod.info",
       pid + "_Fam_Name_S4_K1_t_x_Prod.info",
   };
-  for (const std::string& name : others) ASSERT_TRUE(WriteFile(SessionDir() + "/" + name, ""));
-  ASSERT_TRUE(WriteFile(SessionDir() + "/" + Token() + "Old_Name_S0_K0_t_host1_Prod.info", ""));
+  for (const std::string& name : others) ASSERT_TRUE(ts::WriteFile(SessionDir() + "/" + name, ""));
+  ASSERT_TRUE(ts::WriteFile(SessionDir() + "/" + Token() + "Old_Name_S0_K0_t_host1_Prod.info", ""));
 
   ASSERT_EQ(lumetry_host_begin(&kSession), 0);
   ASSERT_EQ(lumetry_host_end(), 0);
   std::vector<std::string> expected = others;
   std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(ListNames(SessionDir()), expected);
+  EXPECT_EQ(ts::ListNames(SessionDir()), expected);
 }
 
 }  // namespace

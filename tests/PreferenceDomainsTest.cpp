@@ -1,9 +1,10 @@
-// Whole-domain operations: listings that skip the store's own temporary and
-// lock files, removal of keys and domains, replacement that keeps foreign
-// value kinds, property-list parsing of any bytes, and the readable dump.
+// Whole-domain operations below the lumetry-defaults tool: listings that skip
+// the store's own temporary files, replacement that keeps foreign value
+// kinds, property-list parsing of any bytes, and the readable dump.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PreferenceDomains.h"
@@ -20,9 +21,6 @@ constexpr PrefHost kAny = PrefHost::kAnyHost;
 
 class PreferenceDomainsTest : public ::testing::Test {
  protected:
-  PreferenceDomainsTest() { SetSystemPreferencesDirForTesting(system_.path()); }
-  ~PreferenceDomainsTest() override { SetSystemPreferencesDirForTesting(""); }
-
   static PrefValue Parse(const std::string& xml_body) {
     PrefValue value;
     const std::string doc =
@@ -33,6 +31,7 @@ class PreferenceDomainsTest : public ::testing::Test {
 
   ts::ScopedHome home_;
   ts::ScopedTempDir system_;
+  const ts::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting, system_.path()};
 };
 
 TEST_F(PreferenceDomainsTest, ListsOnlyDomainFilesOfTheScope) {
@@ -68,26 +67,6 @@ TEST_F(PreferenceDomainsTest, ListsOnlyDomainFilesOfTheScope) {
   EXPECT_EQ(untouched, std::vector<std::string>{"kept"});
 }
 
-TEST_F(PreferenceDomainsTest, RemovesKeysAndDomainsUnderTheLock) {
-  ASSERT_TRUE(SetPreferenceNumber("a", "com.x", 1, kMe, kAny));
-  ASSERT_TRUE(SetPreferenceString("b", "com.x", "two", kMe, kAny));
-  EXPECT_EQ(pd::RemoveKey("a", "com.x", kMe, kAny), pd::EditResult::kDone);
-  EXPECT_EQ(pd::RemoveKey("a", "com.x", kMe, kAny), pd::EditResult::kNotFound);
-  EXPECT_EQ(pd::RemoveKey("a", "bad/domain", kMe, kAny), pd::EditResult::kFailed);
-  std::string b;
-  EXPECT_TRUE(GetPreferenceString("b", "com.x", &b, kMe, kAny));
-  EXPECT_EQ(b, "two");
-
-  EXPECT_TRUE(pd::DomainExists("com.x", kMe, kAny));
-  EXPECT_EQ(pd::RemoveDomain("com.x", kMe, kAny), pd::EditResult::kDone);
-  EXPECT_FALSE(pd::DomainExists("com.x", kMe, kAny));
-  EXPECT_EQ(pd::RemoveDomain("com.x", kMe, kAny), pd::EditResult::kNotFound);
-  // The lock file stays for writers that may wait on it; it is no domain.
-  std::vector<std::string> names;
-  ASSERT_TRUE(pd::ListDomains(kMe, kAny, &names));
-  EXPECT_TRUE(names.empty());
-}
-
 TEST_F(PreferenceDomainsTest, ReplaceKeepsEveryKindAndRefusesNonDictionaries) {
   const PrefValue foreign = Parse(
       "<dict><key>t</key><true/><key>r</key><real>1.5</real>"
@@ -107,10 +86,8 @@ TEST_F(PreferenceDomainsTest, ReplaceKeepsEveryKindAndRefusesNonDictionaries) {
 }
 
 TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
-  const struct {
-    std::string xml;
-    std::string text;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // property list, dump
       {"<string>a\"b\\c\nd\te\x01</string>", "\"a\\\"b\\\\c\\nd\\te\\001\""},
       {"<integer>-2147483648</integer>", "-2147483648"},
       {"<dict/>", "{\n}"},
@@ -119,42 +96,24 @@ TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
        "{\n    \"odd key\" = (\n        {\n        }\n    );\n}"},
       {"<date>2001-01-02T00:00:00Z</date>", "2001-01-02 00:00:00 +0000"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(pd::Describe(Parse(c.xml)), c.text) << c.xml;
-  }
+  for (const auto& [xml, text] : cases) EXPECT_EQ(pd::Describe(Parse(xml)), text) << xml;
   EXPECT_EQ(pd::Describe(PrefValue()), "");
 
   // Deep nesting from a hostile file is cut short, not walked to a crash.
   std::string deep;
   for (int i = 0; i < 200; ++i) deep += "<array>";
   for (int i = 0; i < 200; ++i) deep += "</array>";
-  PrefValue nested;
-  const std::string doc = "<?xml version=\"1.0\"?><plist version=\"1.0\">" + deep + "</plist>";
-  ASSERT_TRUE(pd::FromPropertyList(doc, &nested));
-  EXPECT_NE(pd::Describe(nested).find("..."), std::string::npos);
+  EXPECT_NE(pd::Describe(Parse(deep)).find("..."), std::string::npos);
 }
 
-TEST_F(PreferenceDomainsTest, ParsesXmlAndBinaryAndRefusesOtherBytes) {
-  PrefValue value = Parse("<dict><key>k</key><integer>5</integer></dict>");
-  std::string xml;
-  ASSERT_TRUE(pd::ToXml(value, &xml));
-  PrefValue again;
-  ASSERT_TRUE(pd::FromPropertyList(xml, &again));
-  EXPECT_EQ(pd::Describe(again), "{\n    k = 5;\n}");
-  // The store writes binary files: they parse as well.
-  ASSERT_TRUE(pd::ReplaceDomain("com.bin", kMe, kAny, value));
-  std::string binary;
-  ASSERT_TRUE(ts::ReadFile(PreferenceFilePath("com.bin", kMe, kAny), &binary));
-  ASSERT_EQ(binary.rfind("bplist00", 0), 0u);
-  ASSERT_TRUE(pd::FromPropertyList(binary, &again));
-  EXPECT_EQ(pd::Describe(again), "{\n    k = 5;\n}");
-
+TEST_F(PreferenceDomainsTest, RefusesBytesThatAreNoPropertyList) {
   for (const std::string& bytes : {std::string(), std::string("plain text"),
                                    std::string("bplist00\xff\xff", 10), std::string(64, '\0')}) {
     PrefValue untouched = PrefValue::Number(1);
     EXPECT_FALSE(pd::FromPropertyList(bytes, &untouched)) << bytes;
     EXPECT_EQ(untouched.Kind(), kPrefNumber);
   }
+  std::string xml;
   EXPECT_FALSE(pd::ToXml(PrefValue(), &xml));
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -15,42 +16,20 @@ namespace {
 
 namespace ts = testing_support;
 
+constexpr std::size_t kMiB = std::size_t{1024} * 1024;
+
 struct ToolCase {
   std::string name;
-  // The arguments that come before an input file; empty `reads_file` means
-  // the tool takes no input file.
-  std::vector<std::string> file_args;
-  bool reads_file;
-  std::size_t cap;  // bytes an input file may hold
-  // Arguments of a run that prints something, given the sandbox directory.
-  std::vector<std::string> (*printing_args)(const std::string& dir);
+  std::vector<std::string> file_args;  // what comes before an input file
+  std::size_t cap;                     // bytes an input file may hold; 0: reads no file
+  std::vector<std::string> printing;   // a run that prints; "@" is the sandbox's doc.xml
 };
 
-constexpr std::size_t kMiB = 1024 * 1024;
-
 const ToolCase kTools[] = {
-    {"ulog-decode",
-     {},
-     true,
-     16 * kMiB,
-     [](const std::string& dir) { return std::vector<std::string>{dir + "/doc.xml"}; }},
-    {"logcourier-config",
-     {"--file"},
-     true,
-     1 * kMiB,
-     [](const std::string& dir) {
-       return std::vector<std::string>{"--file", dir + "/doc.xml"};
-     }},
-    {"lumetry-sysinfo",
-     {},
-     false,
-     0,
-     [](const std::string&) { return std::vector<std::string>{}; }},
-    {"lumetry-defaults",
-     {"import", "com.quorvik.test"},
-     true,
-     1 * kMiB,
-     [](const std::string&) { return std::vector<std::string>{"paths"}; }},
+    {"ulog-decode", {}, 16 * kMiB, {"@"}},
+    {"logcourier-config", {"--file"}, kMiB, {"--file", "@"}},
+    {"lumetry-sysinfo", {}, 0, {}},
+    {"lumetry-defaults", {"import", "com.quorvik.test"}, kMiB, {"paths"}},
 };
 
 std::string Path(const ToolCase& tool) { return std::string(TOOLS_DIR) + "/" + tool.name; }
@@ -60,12 +39,6 @@ ts::RunResult RunTool(const ToolCase& tool, const std::vector<std::string>& args
   std::vector<std::string> argv = {Path(tool)};
   argv.insert(argv.end(), args.begin(), args.end());
   return ts::RunProgram(argv, {"HOME=" + home, "LUMETRY_SYSTEM_PREFS_DIR=" + home + "/system"});
-}
-
-std::vector<std::string> WithFile(const ToolCase& tool, const std::string& file) {
-  std::vector<std::string> args = tool.file_args;
-  args.push_back(file);
-  return args;
 }
 
 TEST(ToolConventionsCliTest, HelpAndVersionGoToStandardOutput) {
@@ -85,10 +58,8 @@ TEST(ToolConventionsCliTest, HelpAndVersionGoToStandardOutput) {
 
 TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
   ts::ScopedTempDir home;
-  const struct {
-    std::vector<std::string> args;
-    std::string message;
-  } cases[] = {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      // arguments, message
       {{"--x"}, "unrecognized option '--x'"},
       {{"--x=1"}, "unrecognized option '--x'"},
       {{"-z"}, "invalid option -- 'z'"},
@@ -96,42 +67,38 @@ TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
       {{"--nope", "--version"}, "unrecognized option '--nope'"},
   };
   for (const ToolCase& tool : kTools) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(tool.name + " " + c.args[0]);
-      const auto run = RunTool(tool, c.args, home.path());
+    for (const auto& [args, message] : cases) {
+      SCOPED_TRACE(tool.name + " " + args[0]);
+      const auto run = RunTool(tool, args, home.path());
       EXPECT_EQ(run.status, 2);
       EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + c.message + "\nTry '" + tool.name + " --help'.\n");
+      EXPECT_EQ(run.err, tool.name + ": " + message + "\nTry '" + tool.name + " --help'.\n");
     }
   }
 }
 
 TEST(ToolConventionsCliTest, UnreadableInputsNameTheFileAndTheReason) {
   ts::ScopedTempDir home;
-  const std::string oversize_small = home.Sub("big-1m");
-  const std::string oversize_large = home.Sub("big-16m");
-  ASSERT_TRUE(ts::WriteFile(oversize_small, ""));
-  ASSERT_TRUE(ts::WriteFile(oversize_large, ""));
-  // Sparse files one byte past each cap: no memory or disk needed for them.
-  ASSERT_EQ(::truncate(oversize_small.c_str(), static_cast<off_t>(kMiB + 1)), 0);
-  ASSERT_EQ(::truncate(oversize_large.c_str(), static_cast<off_t>(16 * kMiB + 1)), 0);
   for (const ToolCase& tool : kTools) {
-    if (!tool.reads_file) continue;  // lumetry-sysinfo takes no file
-    const std::string big = tool.cap == kMiB ? oversize_small : oversize_large;
-    const struct {
-      std::string file;
-      std::string reason;
-    } cases[] = {
+    if (tool.cap == 0) continue;  // lumetry-sysinfo takes no file
+    // A sparse file one byte past the cap: no memory or disk needed for it.
+    const std::string big = home.Sub("big-" + tool.name);
+    ASSERT_TRUE(ts::WriteFile(big, ""));
+    ASSERT_EQ(::truncate(big.c_str(), static_cast<off_t>(tool.cap + 1)), 0);
+    const std::pair<std::string, std::string> cases[] = {
+        // file, reason
         {home.Sub("missing"), "No such file or directory"},
         {home.path(), "Is a directory"},
         {big, tool.cap == kMiB ? "larger than 1 MiB" : "larger than 16 MiB"},
     };
-    for (const auto& c : cases) {
-      SCOPED_TRACE(tool.name + " " + c.file);
-      const auto run = RunTool(tool, WithFile(tool, c.file), home.path());
+    for (const auto& [file, reason] : cases) {
+      SCOPED_TRACE(tool.name + " " + file);
+      std::vector<std::string> args = tool.file_args;
+      args.push_back(file);
+      const auto run = RunTool(tool, args, home.path());
       EXPECT_EQ(run.status, 1);
       EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + c.file + ": " + c.reason + "\n");
+      EXPECT_EQ(run.err, tool.name + ": " + file + ": " + reason + "\n");
     }
   }
 }
@@ -154,12 +121,12 @@ TEST(ToolConventionsCliTest, AFullStandardOutputFailsTheRun) {
   ts::ScopedTempDir home;
   ASSERT_TRUE(ts::WriteFile(home.Sub("doc.xml"), "[settings]\n<doc/>\n"));
   for (const ToolCase& tool : kTools) {
-    for (const auto& args : {tool.printing_args(home.path()), std::vector<std::string>{"--help"}}) {
+    for (const auto& args : {tool.printing, std::vector<std::string>{"--help"}}) {
       SCOPED_TRACE(tool.name + " " + (args.empty() ? "" : args[0]));
       // The shell points standard output at /dev/full, then runs the tool.
       std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full",
                                        Path(tool)};
-      argv.insert(argv.end(), args.begin(), args.end());
+      for (const std::string& a : args) argv.push_back(a == "@" ? home.Sub("doc.xml") : a);
       const auto run = ts::RunProgram(argv, {"HOME=" + home.path()});
       EXPECT_EQ(run.status, 1);
       EXPECT_EQ(run.err, tool.name + ": write error: No space left on device\n");

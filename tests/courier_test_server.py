@@ -4,7 +4,8 @@
 Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS]
 
 Writes the chosen port to DIR/port. Each request is recorded as
-DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header)
+DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header,
+names lower-cased)
 and DIR/requests/NNNN.body (the raw body). Answers follow DIR/script.json,
 read afresh for every request: {"<path>": [answer, ...]} where the answers of
 a path are used in turn and the last one repeats. An answer is an object with
@@ -44,7 +45,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         os.rename(base + ".body.tmp", base + ".body")
         head = "%s %s\n" % (self.command, self.path)
         for name, value in self.headers.items():
-            head += "%s: %s\n" % (name, value)
+            head += "%s: %s\n" % (name.lower(), value)
         with open(base + ".head.tmp", "w", encoding="utf-8", errors="surrogateescape") as f:
             f.write(head)
         os.rename(base + ".head.tmp", base + ".head")
