@@ -14,11 +14,12 @@ function(lumetry_library name)
   target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE lumetry_warnings ${ARG_PRIVATE_DEPS})
 endfunction()
 
-# lumetry_test(<Name> [PROGRAMS] DEPS <targets...>): tests/<Name>.cpp as one
-# GoogleTest executable. PROGRAMS: the suite drives the built programs, which
-# are then built first.
+# lumetry_test(<Name> [PROGRAMS] [LOCK <resource>] DEPS <targets...>):
+# tests/<Name>.cpp as one GoogleTest executable. PROGRAMS: the suite drives
+# the built programs, which are then built first. LOCK: its cases never run
+# at the same time as other tests holding the same resource.
 function(lumetry_test name)
-  cmake_parse_arguments(ARG "PROGRAMS" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "PROGRAMS" "LOCK" "DEPS" ${ARGN})
   add_executable(${name} "${CMAKE_CURRENT_SOURCE_DIR}/${name}.cpp")
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} lumetry_test_support
                         GTest::gtest GTest::gmock GTest::gtest_main lumetry_warnings)
@@ -30,5 +31,9 @@ function(lumetry_test name)
     get_property(tools GLOBAL PROPERTY LUMETRY_TOOL_TARGETS)
     add_dependencies(${name} crash-processor ${tools})
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  set(properties TIMEOUT 300)
+  if(ARG_LOCK)
+    list(APPEND properties RESOURCE_LOCK ${ARG_LOCK})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "Preferences.h"
 #include "TestSupport.h"
 
+using testing_support::Contents;
 using testing_support::CrashDocument;
 using testing_support::ListNames;
 using testing_support::MakeDirs;
@@ -65,8 +67,7 @@ class CrashRunTest : public ::testing::Test {
   // The decoded, time-masked document of a log file; fails the test when the
   // scrambled form lacks its marker.
   std::string Decoded(const std::string& fileName) {
-    std::string bytes;
-    EXPECT_TRUE(ReadFile(LogDir() + fileName, &bytes)) << fileName;
+    std::string bytes = Contents(LogDir() + fileName);
     if (fileName.size() > 4 && fileName.substr(fileName.size() - 4) == ".rdy") {
       EXPECT_EQ(bytes.substr(0, 20), kMarker);
       bytes = Rot47(bytes.substr(std::min<size_t>(20, bytes.size())));
@@ -97,8 +98,6 @@ TEST_F(CrashRunTest, EmptyProductOrPidFindsNothing) {
 TEST_F(CrashRunTest, ScrambledCrashLogByDefault) {
   MakeLogDir();
   Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
-  Plant("a_b_c_d_e_f_g_Prod.info");  // no pid: stays
-
   EXPECT_EQ(Run({"Prod", "1234", "ignored", "extra"}).status, 0);
 
   EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
@@ -106,7 +105,7 @@ TEST_F(CrashRunTest, ScrambledCrashLogByDefault) {
   EXPECT_EQ(id.size(), 36u);
   EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), CrashDocument("S1", "Fam", "Name", id));
   EXPECT_EQ(testing_support::FileMode(LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), 0600);
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"a_b_c_d_e_f_g_Prod.info"});
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
 }
 
 TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
@@ -135,9 +134,7 @@ TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
     EXPECT_EQ(Run({"Prod", "77"}).status, 0);
     const std::string file = std::string("ulog_LumetryQX_AppCrash_K9_S9_0") + c.extension;
     ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{file});
-    std::string bytes;
-    ASSERT_TRUE(ReadFile(LogDir() + file, &bytes));
-    EXPECT_EQ(bytes.compare(0, 20, kMarker) == 0, std::string(c.extension) == ".rdy");
+    // Decoded checks the marker of a scrambled log; a plain one with a marker would differ.
     EXPECT_EQ(Decoded(file), CrashDocument("S9", "Fam", "Name", MachineId()));
     ASSERT_EQ(::unlink((LogDir() + file).c_str()), 0);
   }
@@ -180,8 +177,7 @@ TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
 
   EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
-  std::string bytes;
-  ASSERT_TRUE(ReadFile(file, &bytes));
+  const std::string bytes = Contents(file);
   ASSERT_EQ(bytes.size(), 2000 + tail.size());
   const std::string doc = CrashDocument("S1", "Fam", "Name", MachineId());
   const size_t written = bytes.find("</UsageDoc>\n") + std::string("</UsageDoc>\n").size();
@@ -241,6 +237,61 @@ TEST_F(CrashRunTest, ManyUnrelatedEntries) {
   EXPECT_EQ(ListNames(SessionDir()).size(), 20000u);
 }
 
+// Every entry counts: a hidden name and a sub-directory that hold both keys
+// are matched like files; both become crash logs and both are consumed, the
+// directory with what it holds.
+TEST_F(CrashRunTest, HiddenNamesAndSubdirectoriesAreSessionFilesToo) {
+  MakeLogDir();
+  Plant(".1234_Fam_Name_S1_K1_x_y_Prod.info");
+  ASSERT_TRUE(MakeDirs(SessionDir() + "1234_Fam_Name_S2_K2_x_y_Prod.d"));
+  Plant("1234_Fam_Name_S2_K2_x_y_Prod.d/inside");
+  Plant(".hidden_other");
+  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
+  EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy",
+                                                           "ulog_LumetryQX_AppCrash_K2_S2_0.rdy"}));
+  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"),
+            CrashDocument("S1", "Fam", "Name", MachineId()));
+  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{".hidden_other"});
+}
+
+// The order in which the directory yields its names (creation order on some
+// file systems, hash order on others) changes nothing in the outcome.
+TEST_F(CrashRunTest, OutcomeDoesNotDependOnTheListingOrder) {
+  MakeLogDir();
+  std::vector<std::string> names = {"1_F_N_SA_KA_x_y_Prod.77", "2_F_N_SB_KB_x_y_Prod.77",
+                                    "77_b_c_d_e_f_g_h_Prod", "3_F_N_SC_KC_x_y_Prod.78",
+                                    "4_F_N_SD_KD_x_y_Other.77"};
+  std::vector<std::string> firstLogs;
+  std::vector<std::string> firstDocs;
+  std::sort(names.begin(), names.end());
+  int orders = 0;
+  do {
+    SCOPED_TRACE(orders);
+    for (const std::string& name : names) Plant(name);
+    EXPECT_EQ(Run({"Prod", "77"}).status, 0);
+    const std::vector<std::string> logs = ListNames(LogDir());
+    std::vector<std::string> docs;
+    for (const std::string& log : logs) {
+      docs.push_back(Decoded(log));
+      ASSERT_EQ(::unlink((LogDir() + log).c_str()), 0);
+    }
+    if (orders == 0) {
+      firstLogs = logs;
+      firstDocs = docs;
+      EXPECT_EQ(logs, (std::vector<std::string>{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy",
+                                                "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
+    }
+    EXPECT_EQ(logs, firstLogs);
+    EXPECT_EQ(docs, firstDocs);
+    EXPECT_EQ(ListNames(SessionDir()),
+              (std::vector<std::string>{"3_F_N_SC_KC_x_y_Prod.78", "4_F_N_SD_KD_x_y_Other.77"}));
+    for (const std::string& left : ListNames(SessionDir())) {
+      ASSERT_EQ(::unlink((SessionDir() + left).c_str()), 0);
+    }
+  } while (++orders < 6 && std::next_permutation(names.begin(), names.end()));
+  EXPECT_EQ(orders, 6);
+}
+
 TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
   MakeLogDir();
   const std::string machineId = MachineId();  // empty: the runs create it
@@ -281,11 +332,8 @@ TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
 // it, keeps a diagnostic log of the session writer's steps.
 TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   ScopedTempDir appDir;
-  std::string binary;
-  ASSERT_TRUE(ReadFile(CRASH_PROCESSOR_PATH, &binary));
   const std::string program = appDir.Sub("crash-processor");
-  ASSERT_TRUE(WriteFile(program, binary));
-  ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+  ASSERT_TRUE(std::filesystem::copy_file(CRASH_PROCESSOR_PATH, program));  // with its modes
   ASSERT_TRUE(WriteFile(appDir.Sub("VxLog.config"), "append=1\n"));
 
   Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");  // log directory missing
@@ -294,35 +342,27 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   Plant("1234_Fam_Name_S2_K2_x_y_Prod.info");
   EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
 
-  std::string log;
-  ASSERT_TRUE(ReadFile(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &log));
+  const std::string log =
+      Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
   static const std::regex kLine(
       R"(\[DEBUG\] \| PID:\d+ \| TIME:\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ \| VALUE:(.*) \| DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
-  std::vector<std::string> steps;
-  size_t start = 0;
-  while (start < log.size()) {
-    const size_t end = log.find('\n', start);
-    ASSERT_NE(end, std::string::npos);
-    std::smatch m;
-    const std::string line = log.substr(start, end - start);
-    ASSERT_TRUE(std::regex_match(line, m, kLine)) << line;
-    steps.push_back(m[2].str() + " " + m[1].str());
-    start = end + 1;
-  }
-
-  std::vector<std::string> expected = {"214 MiniSession::CreateCrashFile"};
+  std::string expected;
+  const auto trace = [&](int line, const std::string& value) {
+    expected += std::to_string(line) + " " + value + "\n";
+  };
+  trace(214, "MiniSession::CreateCrashFile");
   std::string path = LogDir();
   for (int i = 0; i < 10; ++i) {
     path += "ulog_LumetryQX_AppCrash_K1_S1_0.rdy";
-    expected.push_back("176 MiniSession::Write: " + path);
-    expected.push_back("182 MiniSession::Write");
+    trace(176, "MiniSession::Write: " + path);
+    trace(182, "MiniSession::Write");
     path += "/";
   }
-  expected.push_back("214 MiniSession::CreateCrashFile");
-  expected.push_back("176 MiniSession::Write: " + LogDir() + "ulog_LumetryQX_AppCrash_K2_S2_0.rdy");
-  expected.push_back("156 MiniSession::Write");
-  for (int i = 0; i < 10; ++i) expected.push_back("201 MiniSession::Write");
-  EXPECT_EQ(steps, expected);
+  trace(214, "MiniSession::CreateCrashFile");
+  trace(176, "MiniSession::Write: " + LogDir() + "ulog_LumetryQX_AppCrash_K2_S2_0.rdy");
+  trace(156, "MiniSession::Write");
+  for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
+  EXPECT_EQ(std::regex_replace(log, kLine, "$2 $1"), expected);
 }
 
 }  // namespace

@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
+#include <string_view>
 
 #include "FileIO.h"
 #include "FileUtil.h"
+#include "FileUtilPlatform.h"
 #include "Posix/ScopedFd.h"
 #include "TestSupport.h"
 
@@ -18,12 +21,6 @@ namespace {
 using namespace testing_support;
 using Strings = std::vector<std::string>;
 using Table = std::vector<std::pair<std::string, std::string>>;
-
-std::string Read(const std::string& path) {
-  std::string text = "<unreadable>";
-  ReadFile(path, &text);
-  return text;
-}
 
 void Touch(const ScopedTempDir& dir, const Strings& names) {
   for (const std::string& name : names) ASSERT_TRUE(WriteFile(dir.Sub(name), name)) << name;
@@ -74,7 +71,7 @@ TEST(FileUtilRemove, MissingSucceedsAndLinksAreNotFollowed) {
   EXPECT_TRUE(FileUtil::Remove(tmp.Sub("tree")) && FileUtil::RemoveFile(tmp.Sub("dangling")) &&
               FileUtil::Remove(tmp.Sub("dangling")));
   EXPECT_EQ((Strings{"dangling", "outside"}), ListNames(tmp.path()));
-  EXPECT_EQ("outside/keep", Read(tmp.Sub("outside/keep")));
+  EXPECT_EQ("outside/keep", Contents(tmp.Sub("outside/keep")));
 }
 
 TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
@@ -83,19 +80,19 @@ TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
   ASSERT_EQ(0, ::chmod(tmp.Sub("src/sub/b").c_str(), 0640));
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("dst")));
   EXPECT_EQ((Strings{"a", "sub"}), ListNames(tmp.Sub("dst")));
-  EXPECT_EQ("src/sub/b", Read(tmp.Sub("dst/sub/b")));
+  EXPECT_EQ("src/sub/b", Contents(tmp.Sub("dst/sub/b")));
   EXPECT_EQ(0640, FileMode(tmp.Sub("dst/sub/b")));
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src/a"), tmp.Sub("file")));
-  EXPECT_EQ("src/a", Read(tmp.Sub("file")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("file")));
 
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("missing"), tmp.Sub("file")));
   EXPECT_FALSE(FileUtil::Copy("", tmp.Sub("file")));
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("file"), tmp.Sub("file")));  // would destroy the source
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("src/sub/inside")));  // into itself
-  EXPECT_EQ("src/a", Read(tmp.Sub("file")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("file")));
   EXPECT_TRUE(FileUtil::Move(tmp.Sub("file"), tmp.Sub("dst/sub")));
   EXPECT_EQ((Strings{"dst", "src"}), ListNames(tmp.path()));
-  EXPECT_EQ("src/a", Read(tmp.Sub("dst/sub")));
+  EXPECT_EQ("src/a", Contents(tmp.Sub("dst/sub")));
 }
 
 TEST(FileUtilList, MatchingKeepsEveryEntryThatHoldsAllSubstringsAndAccumulates) {
@@ -157,9 +154,122 @@ TEST(FileUtilProbes, FifosAndLinksAreNotFiles) {
   EXPECT_TRUE(FileUtil::IsFileSizeAtMost(tmp.Sub("fifo"), 0));  // cannot be opened: size 0
   EXPECT_EQ(-1, FileUtil::WriteStringToFile("x", tmp.Sub("fifo")));
   EXPECT_EQ(-1, FileUtil::WriteStringToFile("x", tmp.Sub("link")));
-  EXPECT_EQ("precious", Read(tmp.Sub("target")));
+  EXPECT_EQ("precious", Contents(tmp.Sub("target")));
   EXPECT_EQ(0, FileUtil::WriteStringToFile("text", tmp.Sub("new")));
-  EXPECT_EQ("text", Read(tmp.Sub("new")));
+  EXPECT_EQ("text", Contents(tmp.Sub("new")));
+}
+
+// The matching rule on raw bytes, one directory per case: exactly the
+// entries whose names hold every key as a contiguous, case-sensitive run.
+TEST(FileUtilList, MatchingIsAByteSubstringTestOfEveryKey) {
+  struct Case {
+    const char* label;
+    Strings names;
+    Strings keys;
+    Strings expected;  // sorted
+  };
+  const std::vector<Case> cases = {
+      {"key at the start or the end",
+       {"Prod_1", "1_Prod", "Pro_d"},
+       {"Prod"},
+       {"1_Prod", "Prod_1"}},
+      {"first byte repeated before the key",
+       {"PPProd", "PrPrProd", "PPPro"},
+       {"Prod"},
+       {"PPProd", "PrPrProd"}},
+      {"overlapping candidates", {"aaab", "aab", "ab", "aa"}, {"aab"}, {"aaab", "aab"}},
+      {"key longer than the name", {"Pro", "Prod"}, {"Prod!"}, {}},
+      {"key is the whole name", {"Prod", "Prodx"}, {"Prod"}, {"Prod", "Prodx"}},
+      {"case matters", {"prod_1234", "PROD_1234", "Prod_1234"}, {"Prod", "1234"}, {"Prod_1234"}},
+      {"both keys, in either order",
+       {"1234_Prod", "Prod_1234", "Prod_123", "12_34_Prod"},
+       {"Prod", "1234"},
+       {"1234_Prod", "Prod_1234"}},
+      {"process id inside a longer number",
+       {"Prod_412345", "Prod_41235"},
+       {"Prod", "1234"},
+       {"Prod_412345"}},
+      {"names that are not UTF-8",
+       {"\xff\xfeProd\x80", "\xffPro\xfe"},
+       {"Prod"},
+       {"\xff\xfeProd\x80"}},
+      {"keys that are not UTF-8", {"a\xc3\x28z", "a\xc3z"}, {"\xc3\x28"}, {"a\xc3\x28z"}},
+      {"no keys: every entry", {"x", ".y"}, {}, {".y", "x"}},
+      {"an empty key is in every name", {"x"}, {""}, {"x"}},
+      {"a key holding a NUL byte is in no name", {"ab", "a"}, {std::string("a\0b", 3)}, {}},
+      {"a NUL byte in any key rejects all", {"ab"}, {"a", std::string("\0", 1)}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    ScopedTempDir tmp;
+    Touch(tmp, c.names);
+    Strings found;
+    EXPECT_EQ(!c.expected.empty(), FileUtil::ListDirectoryMatching(tmp.path(), c.keys, &found));
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(c.expected, found);
+  }
+}
+
+// Names in the order in which the directory yields them, read here through
+// the standard library's own walk of the same directory.
+Strings PlatformOrder(const std::string& dir) {
+  Strings names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename().string());
+  }
+  return names;
+}
+
+TEST(FileUtilList, MatchesComeInListingOrderAcrossAManyBlockDirectory) {
+  ScopedTempDir tmp;
+  for (int i = 0; i < 1400; ++i) {  // more than one read of the directory
+    const std::string name = (i % 7 == 0 ? "Prod_" : "Other_") + std::to_string(i) + "_1234";
+    const int fd = ::open(tmp.Sub(name).c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+  }
+  Strings expected;
+  for (const std::string& name : PlatformOrder(tmp.path())) {
+    if (name.rfind("Prod_", 0) == 0) expected.push_back(name);
+  }
+  Strings found = {"kept"};
+  ASSERT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {"Prod", "1234"}, &found));
+  expected.insert(expected.begin(), "kept");
+  EXPECT_EQ(200u, expected.size() - 1);
+  EXPECT_EQ(expected, found);
+}
+
+TEST(FileUtilList, ForEachNameHandsOutEachEntryOnceAndCopiesNothing) {
+  ScopedTempDir tmp;
+  Touch(tmp, {"b", ".hidden", "sub/inner", "\xff\x01"});
+  // A stateful callable is used in place, not copied.
+  struct Collector {
+    Strings names;
+    void operator()(std::string_view name) { names.emplace_back(name); }
+  } collector;
+  ASSERT_TRUE(FileUtil::platform::ForEachName(tmp.path(), collector));
+  EXPECT_EQ(PlatformOrder(tmp.path()), collector.names);
+  std::sort(collector.names.begin(), collector.names.end());
+  EXPECT_EQ((Strings{".hidden", "b", "sub", "\xff\x01"}), collector.names);
+
+  int calls = 0;
+  const auto count = [&calls](std::string_view) { ++calls; };
+  for (const std::string& unreadable : {tmp.Sub("missing"), tmp.Sub("b"), std::string()}) {
+    EXPECT_FALSE(FileUtil::platform::ForEachName(unreadable, count)) << unreadable;
+  }
+  EXPECT_EQ(0, calls);
+}
+
+TEST(FileUtilList, ListNamesAppendsOrLeavesTheListAlone) {
+  ScopedTempDir tmp;
+  Touch(tmp, {"x", "y"});
+  Strings names = {"earlier"};
+  ASSERT_TRUE(FileUtil::platform::ListNames(tmp.path(), &names));
+  Strings expected = PlatformOrder(tmp.path());
+  expected.insert(expected.begin(), "earlier");
+  EXPECT_EQ(expected, names);
+  EXPECT_FALSE(FileUtil::platform::ListNames(tmp.Sub("missing"), &names));
+  EXPECT_EQ(expected, names);
 }
 
 TEST(FileUtilDelete, NamedFilesConcatenateAndMatchingRules) {
@@ -222,7 +332,7 @@ TEST(FileUtilProbes, SizesReadsLocksAndABlockedLibrary) {
   ASSERT_TRUE(WriteFile(home.Library(), "precious"));
   EXPECT_FALSE(FileUtil::GetUserLibraryDirectory(&untouched));
   EXPECT_EQ("x", untouched);
-  EXPECT_EQ("precious", Read(home.Library()));
+  EXPECT_EQ("precious", Contents(home.Library()));
 }
 
 }  // namespace

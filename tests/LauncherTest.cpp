@@ -89,8 +89,8 @@ i=0; while [ ! -e "$d/release" ] && [ "$i" -lt 200 ]; do sleep 0.05; i=$((i+1));
   ASSERT_TRUE(LaunchUploader("guard", "-a 'b c'"));
   ::close(57);
   EXPECT_FALSE(PathExists(d + "/finished"));  // not waited for
-  std::string log;
-  ASSERT_TRUE(ReadFile(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &log));
+  const std::string log =
+      Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
   const std::string tail = " | VALUE:LogCourier2 Path: " + exe +
                            " | DETAIL:File:Utility/src/Mac/LogCourUtilsMac LINE:290\n";
   EXPECT_EQ(log.rfind("[INFO] | PID:" + std::to_string(::getpid()) + " | TIME:", 0), 0u) << log;

@@ -1,5 +1,5 @@
-// The crash mini-session writer: the exact document in both forms, writing
-// over an older file, and the failed opens with their diagnostic traces.
+// The crash mini-session writer: a plain document, scrambling, raw writes and
+// the failed opens with their diagnostic traces.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -24,26 +24,19 @@ MiniSession MakeSession(const std::string& dir, bool scramble) {
 
 }  // namespace
 
-TEST(MiniSession, WritesTheCrashDocumentPlainOrScrambled) {
-  const std::tuple<bool, std::string, std::string> cases[] = {
-      {true, "", ".rdy"}, {false, "", ".xml"}, {false, "/", ".xml"}};
-  for (const auto& [scramble, dirSuffix, extension] : cases) {
-    SCOPED_TRACE(extension + dirSuffix);
-    ScopedTempDir dir;
-    MiniSession session = MakeSession(dir.path() + dirSuffix, scramble);
-    EXPECT_EQ(0, session.CreateCrashFile("MACHINE", "HostFamily", "Host & Co"));
-    ASSERT_EQ(std::vector<std::string>{kName + extension}, ListNames(dir.path()));
-    std::string path = dir.Sub(kName + extension), contents;
-    EXPECT_EQ(path, session.path());
-    ASSERT_TRUE(ReadFile(path, &contents));
-    EXPECT_EQ(0600, FileMode(path));
-    if (scramble) {
-      ASSERT_EQ("K-Q$mw#$zRTd8pofupin", contents.substr(0, 20));
-      contents = Rot47(contents.substr(20));
-    }
-    EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "MACHINE"),
-              MaskTimes(contents));
-  }
+// Both forms of the whole document are pinned end to end by the crash run;
+// here the parts it cannot reach: a directory given with a trailing separator,
+// an escaped product name and the path the session reports.
+TEST(MiniSession, WritesThePlainDocumentBelowADirectoryWithATrailingSeparator) {
+  ScopedTempDir dir;
+  MiniSession session = MakeSession(dir.path() + "/", false);
+  EXPECT_EQ(0, session.CreateCrashFile("MACHINE", "HostFamily", "Host & Co"));
+  ASSERT_EQ(std::vector<std::string>{kName + ".xml"}, ListNames(dir.path()));
+  const std::string path = dir.Sub(kName + ".xml");
+  EXPECT_EQ(path, session.path());
+  EXPECT_EQ(0600, FileMode(path));
+  EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "MACHINE"),
+            MaskTimes(Contents(path)));
 }
 
 // A stray byte is written as the Latin-1 character of its value (0xFF is
@@ -62,43 +55,27 @@ TEST(MiniSession, ScramblesEveryByteAndRepairsBytesThatAreNotUtf8) {
   EXPECT_EQ(-2, MakeSession(dir.Sub("absent"), true).Write("x"));
   EXPECT_EQ(0, session.Write("ab\xff"));
   EXPECT_EQ(0, session.Write("c"));
-  std::string contents;
-  ASSERT_TRUE(ReadFile(dir.Sub(kName + ".rdy"), &contents));
-  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xc3\xbf" + "4", contents);
-}
-
-// The second session over a longer first one (closed, so unlocked) writes
-// from the first byte and leaves the first one's tail.
-TEST(MiniSession, SecondSessionWritesOverTheFileFromItsStart) {
-  ScopedTempDir dir;
-  const std::string path = dir.Sub(kName + ".xml");
-  std::string first, second;
-  MakeSession(dir.path(), false).CreateCrashFile(std::string(3000, 'M'), "HostFamily", "Host & Co");
-  ASSERT_TRUE(ReadFile(path, &first));
-  MakeSession(dir.path(), false).CreateCrashFile("", "HostFamily", "Host & Co");
-  ASSERT_TRUE(ReadFile(path, &second));
-  ASSERT_EQ(first.size(), second.size());
-  const size_t end = second.find("</UsageDoc>\n") + 12;
-  EXPECT_EQ(CrashDocument("SID-7", "HostFamily", "Host &#38; Co", "NOVALUE"),
-            MaskTimes(second.substr(0, end)));
-  EXPECT_EQ(first.substr(end), second.substr(end));
+  EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xc3\xbf" + "4",
+            Contents(dir.Sub(kName + ".rdy")));
 }
 
 // The logger is settled once per process, so the sessions run in a fresh copy
-// of this test binary whose HOME and main bundle point into a sandbox.
+// of this test binary whose HOME and main bundle point into a sandbox. The
+// trace of a missing directory and of a successful open is pinned by the
+// crash run's diagnostic log.
 TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
   if (const char* root = std::getenv("MINISESSION_ROOT")) {
     const ScopedOverride bundle(&Platform::SetMainBundlePathForTesting,
                                 std::string(root) + "/bundle");
-    for (const char* dir : {"/absent", "/locked", "/link", "/logs"})  // only the last opens
+    for (const char* dir : {"/locked", "/link"})
       MakeSession(root + std::string(dir), true).CreateCrashFile("M", "F", "P");
     return;
   }
   ScopedTempDir box;
   const std::string home = box.Sub("home"), held = box.Sub("held"), target = box.Sub("target");
-  ASSERT_TRUE(MakeDirs(home) && MakeDirs(box.Sub("logs")) && MakeDirs(box.Sub("locked")) &&
-              MakeDirs(box.Sub("link")) && WriteFile(box.Sub("bundle/VxLog.config"), "") &&
-              WriteFile(held, "keep") && WriteFile(target, "keep"));
+  ASSERT_TRUE(MakeDirs(home) && MakeDirs(box.Sub("locked")) && MakeDirs(box.Sub("link")) &&
+              WriteFile(box.Sub("bundle/VxLog.config"), "") && WriteFile(held, "keep") &&
+              WriteFile(target, "keep"));
   ASSERT_EQ(0, ::link(held.c_str(), (box.Sub("locked/") + kName + ".rdy").c_str()));
   ASSERT_EQ(0, ::symlink(target.c_str(), (box.Sub("link/") + kName + ".rdy").c_str()));
   const int holder = ::open(held.c_str(), O_RDONLY | O_CLOEXEC);
@@ -107,16 +84,15 @@ TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
                              {"HOME=" + home, "MINISESSION_ROOT=" + box.path()});
   ::close(holder);
   ASSERT_EQ(0, run.status) << run.out << run.err;
-  EXPECT_FALSE(PathExists(box.Sub("absent")));
-  std::string text;
   // Neither the locked file nor the link's target is written.
-  EXPECT_TRUE(ReadFile(held, &text) && text == "keep" && ReadFile(target, &text) && text == "keep");
+  EXPECT_EQ(Contents(held), "keep");
+  EXPECT_EQ(Contents(target), "keep");
 
   std::string expected;
   const auto trace = [&](int line, const std::string& value) {
     expected += std::to_string(line) + " " + value + "\n";
   };
-  for (const char* dir : {"/absent", "/locked", "/link"}) {
+  for (const char* dir : {"/locked", "/link"}) {
     trace(214, "MiniSession::CreateCrashFile");
     std::string grown = box.path() + dir;
     for (int i = 0; i < 10; ++i) {
@@ -125,11 +101,7 @@ TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
       trace(182, "MiniSession::Write");
     }
   }
-  trace(214, "MiniSession::CreateCrashFile");
-  trace(176, "MiniSession::Write: " + box.Sub("logs/") + kName + ".rdy");
-  trace(156, "MiniSession::Write");
-  for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
-  ASSERT_TRUE(ReadFile(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt", &text));
+  const std::string text = Contents(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
   const std::regex format(R"(\[DEBUG\] \| PID:\d+ \| TIME:\S+ \| VALUE:(.*) \| )"
                           R"(DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
   EXPECT_EQ(expected, std::regex_replace(text, format, "$2 $1"));

@@ -23,16 +23,10 @@ std::string HostName() {
   return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-// Writes <bundle>/Contents/Info.plist with python's plistlib (a writer of
-// its own), in XML or binary form.
-void WriteInfoPlist(const std::string& bundle, const std::string& identifier, bool binary) {
-  ASSERT_TRUE(MakeDirs(bundle + "/Contents"));
-  const char* script =
-      "import plistlib, sys; plistlib.dump({'CFBundleIdentifier': sys.argv[2]}, "
-      "open(sys.argv[1], 'wb'), fmt=getattr(plistlib, sys.argv[3]))";
-  auto run = RunProgram({"/usr/bin/python3", "-c", script, bundle + "/Contents/Info.plist",
-                         identifier, binary ? "FMT_BINARY" : "FMT_XML"});
-  ASSERT_EQ(0, run.status) << run.err;
+// Writes <bundle>/Contents/Info.plist, in XML or binary form.
+bool WriteInfoPlist(const std::string& bundle, const std::string& identifier, bool binary) {
+  return WritePlist(bundle + "/Contents/Info.plist",
+                    R"({"CFBundleIdentifier": ")" + identifier + "\"}", binary);
 }
 
 TEST(PlatformPaths, HostIdFromMachineIdFiles) {
@@ -79,7 +73,7 @@ TEST(PlatformPaths, BundleOfExecutableDirectory) {
 
 TEST(PlatformPaths, IdentifierFromXmlInfoPlistOnly) {
   ScopedTempDir tmp;
-  WriteInfoPlist(tmp.Sub("Xml.app"), "com.example.xml", false);
+  ASSERT_TRUE(WriteInfoPlist(tmp.Sub("Xml.app"), "com.example.xml", false));
   ASSERT_TRUE(WriteFile(tmp.Sub("Broken.app/Contents/Info.plist"), "<plist><dict><key>"));
   std::string id = "kept";
   const ScopedOverride main_bundle(&Platform::SetMainBundlePathForTesting, "");
@@ -112,7 +106,7 @@ TEST(PlatformPaths, RealBundleAndBinaryIdentifierOfAProgramInsideAnApp) {
   std::string copy = bundle + "/Contents/MacOS/probe";
   ASSERT_TRUE(MakeDirs(bundle + "/Contents/MacOS"));
   std::filesystem::copy_file("/proc/self/exe", copy);
-  WriteInfoPlist(bundle, "com.example.probe", true);
+  ASSERT_TRUE(WriteInfoPlist(bundle, "com.example.probe", true));
 
   auto result = RunProgram({copy}, {"LUMETRY_BUNDLE_PROBE=1"});
   ASSERT_EQ(0, result.status) << result.err;

@@ -120,7 +120,7 @@ TEST_F(PreferencesTest, RefusedCallsChangeNothingAndEntriesEditInPlace) {
   ASSERT_TRUE(SetPreferenceDictionaryString("k", "e", kDomain, "stored", kMe, kAny));
   ASSERT_TRUE(SetPreferenceString("str", kDomain, "12", kMe, kAny));
   ASSERT_TRUE(SetPreferenceNumber("num", kDomain, 12, kMe, kAny));
-  std::string before, after;
+  std::string before;
   ASSERT_TRUE(testing_support::ReadFile(file_, &before));
   EXPECT_EQ(-99, Num("str"));
   EXPECT_EQ("<none>", Str("num"));
@@ -147,8 +147,7 @@ TEST_F(PreferencesTest, RefusedCallsChangeNothingAndEntriesEditInPlace) {
     EXPECT_EQ(value == bad, GetPreferenceDictionaryString(key, entry, domain, &s, user, host));
     EXPECT_EQ(value == bad ? "stored" : "default", s);
   }
-  ASSERT_TRUE(testing_support::ReadFile(file_, &after));
-  EXPECT_EQ(before, after);
+  EXPECT_EQ(before, testing_support::Contents(file_));
 
   EXPECT_TRUE(RemovePreferenceDictionaryEntry("dict", "e", kDomain, kMe, kAny));
   PrefValue created = CopyPreferenceValue("dict", kDomain, kMe, kAny);

@@ -46,8 +46,7 @@ TEST_F(PrivacyPrefsTest, MachineIdIsMadeOnceAndKeptAsStored) {
   for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
   const std::string id = GetMachineID();
   for (int i = 0; i < kProcesses; ++i) {
-    std::string got;
-    EXPECT_TRUE(testing_support::ReadFile(id_file(i), &got) && got == id) << i << ": " << got;
+    EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
   }
   ASSERT_TRUE(SetPreferenceString("MachineID", kDomain, "abc0def", kMe, kHere));
   EXPECT_EQ("abc0def", GetMachineID());

@@ -1,3 +1,5 @@
+// SafeStr: bounded copies, tokenizing, formatting and number conversion that
+// refuse or truncate instead of overrunning their buffers.
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -17,12 +17,6 @@ namespace {
 namespace ts = testing_support;
 using namespace std::string_literals;
 
-std::string Dump(const SettingsFile& s) {
-  std::string out;
-  for (const auto& e : s.entries()) out += (out.empty() ? "" : ";") + e.first + "=" + e.second;
-  return out;
-}
-
 TEST(SettingsFileTest, SyntaxAndNames) {
   const std::pair<std::string, std::string> cases[] = {
       {" [ Settings ] \nk=v\n[Oth\nk=v\n[a]b]\nk=v\n[]\nk=w", "/k=w;a/k=v;oth/k=v;settings/k=v"},
@@ -33,7 +27,7 @@ TEST(SettingsFileTest, SyntaxAndNames) {
   for (const auto& c : cases) {
     SettingsFile s;
     EXPECT_EQ(s.LoadText(c.first), 0);
-    EXPECT_EQ(Dump(s), c.second) << c.first;
+    EXPECT_EQ(ts::DumpSettings(s), c.second) << c.first;
   }
   SettingsFile s;
   s.LoadText("[settings]\nMaxRetries = 5 ");
@@ -42,7 +36,7 @@ TEST(SettingsFileTest, SyntaxAndNames) {
   EXPECT_EQ(s.SetValue("a/b", "c", "x") + s.SetValue(" ", "k", "x") + s.SetValueAt("k", "x") +
                 s.SetValue("settings", "maxretries", " \t "),
             "");
-  EXPECT_EQ(Dump(s), "a/b/c=x");
+  EXPECT_EQ(ts::DumpSettings(s), "a/b/c=x");
 }
 
 TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
@@ -51,14 +45,13 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   SettingsFile s;
   s.LoadText("# comment\n[Z]\nb = 2\na=1\n\n[]\nk=v\n[m]\nurl= x ");
   s.SetValue("m", "pad", " p ");
-  std::string text;
-  ASSERT_TRUE(s.Save(path) == 0 && ts::ReadFile(path, &text));
-  EXPECT_EQ(text, "[]\nk=v\n[m]\npad= p \nurl=x\n[z]\na=1\nb=2\n");
+  ASSERT_EQ(s.Save(path), 0);
+  EXPECT_EQ(ts::Contents(path), "[]\nk=v\n[m]\npad= p \nurl=x\n[z]\na=1\nb=2\n");
   EXPECT_EQ(ts::FileMode(path), 0644);
   ASSERT_EQ(s.Load(path), 0);
-  EXPECT_EQ(Dump(s), "/k=v;m/pad=p;m/url=x;z/a=1;z/b=2");
+  EXPECT_EQ(ts::DumpSettings(s), "/k=v;m/pad=p;m/url=x;z/a=1;z/b=2");
   EXPECT_EQ(s.Load(dir.Sub("missing.cfg")) + s.Load(dir.path()), -2);
-  EXPECT_EQ(Dump(s), "");
+  EXPECT_EQ(ts::DumpSettings(s), "");
 
   s.SetValue("a", "b", "new");
   EXPECT_EQ(s.Save(dir.path()) + s.Save(dir.Sub("no/x.cfg")) + s.Save(""), -3);
@@ -75,8 +68,7 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
-  ASSERT_TRUE(ts::ReadFile(path, &text));
-  EXPECT_EQ(text, "[a]\nb=new\n");
+  EXPECT_EQ(ts::Contents(path), "[a]\nb=new\n");
   EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"a.cfg", "ro"}));
 }
 
@@ -103,7 +95,7 @@ TEST(SettingsFileTest, RoundTripAndGarbage) {
       original.SetValueAt(name, value);
     }
     ASSERT_EQ(original.Save(path) + loaded.Load(path), 0);
-    ASSERT_EQ(Dump(loaded), Dump(original)) << "round " << round;
+    ASSERT_EQ(ts::DumpSettings(loaded), ts::DumpSettings(original)) << "round " << round;
   }
   std::string noise(200000, '\0');
   for (char& c : noise) c = static_cast<char>(rng());

@@ -1,3 +1,4 @@
+// StringUtil: trimming, lower-casing, splitting, strict UTF-8 and hex digits.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -20,15 +20,8 @@ class BrowserTest : public ::testing::Test {
 
   // Writes the LaunchServices domain with `handlersJson` as "LSHandlers".
   void WriteHandlers(const std::string& handlersJson, bool binary) {
-    std::string dir = home_.Library() + "/Preferences";
-    ASSERT_TRUE(MakeDirs(dir));
-    const char* script =
-        "import json, plistlib, sys; plistlib.dump({'LSHandlers': json.loads(sys.argv[2])}, "
-        "open(sys.argv[1], 'wb'), fmt=getattr(plistlib, sys.argv[3]))";
-    auto run =
-        RunProgram({"/usr/bin/python3", "-c", script, dir + "/com.apple.LaunchServices.plist",
-                    handlersJson, binary ? "FMT_BINARY" : "FMT_XML"});
-    ASSERT_EQ(run.status, 0) << run.err;
+    ASSERT_TRUE(WritePlist(home_.Library() + "/Preferences/com.apple.LaunchServices.plist",
+                           R"({"LSHandlers": )" + handlersJson + "}", binary));
   }
 
   ScopedHome home_;

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
@@ -13,60 +14,30 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 extern char** environ;
 
 namespace testing_support {
-namespace {
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  // Restore write permission so read-only test trees can be removed too.
-  ::chmod(path, 0700);
-  return ::remove(path);
-}
-
-void RemoveTree(const std::string& path) {
-  // Make every directory writable first (depth-first walk removes children).
-  ::nftw(path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-std::string ReadAllFromFd(int fd) {
-  std::string data;
-  char buffer[4096];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n > 0) {
-      data.append(buffer, static_cast<size_t>(n));
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
-  }
-  return data;
-}
-
-}  // namespace
 
 ScopedTempDir::ScopedTempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string templ = std::string(base && *base ? base : "/tmp") + "/lumetry-test-XXXXXX";
-  std::vector<char> buffer(templ.begin(), templ.end());
-  buffer.push_back('\0');
-  if (::mkdtemp(buffer.data()) == nullptr) {
-    throw std::runtime_error("mkdtemp failed");
-  }
-  path_ = buffer.data();
+  std::string templ = (std::filesystem::temp_directory_path() / "lumetry-test-XXXXXX").string();
+  if (::mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = templ;
 }
 
-ScopedTempDir::~ScopedTempDir() { RemoveTree(path_); }
+ScopedTempDir::~ScopedTempDir() {
+  // Depth first; write permission is restored so read-only test trees go too.
+  const auto remove = [](const char* path, const struct stat*, int, struct FTW*) {
+    ::chmod(path, 0700);
+    return ::remove(path);
+  };
+  ::nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
+}
 
 std::string ScopedTempDir::Sub(const std::string& relative) const { return path_ + "/" + relative; }
 
@@ -94,6 +65,11 @@ bool ReadFile(const std::string& path, std::string* contents) {
   buffer << in.rdbuf();
   *contents = buffer.str();
   return true;
+}
+
+std::string Contents(const std::string& path) {
+  std::string text;
+  return ReadFile(path, &text) ? text : "<unreadable " + path + ">";
 }
 
 bool MakeDirs(const std::string& path) {
@@ -136,30 +112,44 @@ int FileMode(const std::string& path) {
 
 std::string CrashDocument(const std::string& id, const std::string& crashFamily,
                           const std::string& crashName, const std::string& machineId) {
-  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n"
-         "<StartSession id=\"" +
-         id +
-         "\" time=\"T\" seq=\"0\" />\n"
-         "<NewGroup category=\"Lumetry\" subcategory=\"Crash\" name=\"Session\" time=\"T\" "
-         "group=\"0\" doc=\"NOVALUE\" seq=\"1\" />\n"
-         "<DataRec time=\"T\" group=\"0\" name=\"ProductFamily\" data=\"LumetryQX\" seq=\"2\" />\n"
-         "<DataRec time=\"T\" group=\"0\" name=\"ProductName\" data=\"AppCrash\" seq=\"3\" />\n"
-         "<NewGroup category=\"AppExit\" subcategory=\"Crash\" name=\"ExitInfo\" time=\"T\" "
-         "group=\"1\" doc=\"NOVALUE\" seq=\"4\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"ExitType\" data=\"Crash\" seq=\"5\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductName\" data=\"" +
-         crashName +
-         "\" seq=\"6\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"CrashProductFamily\" data=\"" +
-         crashFamily +
-         "\" seq=\"7\" />\n"
-         "<DataRec time=\"T\" group=\"1\" name=\"MachineID\" data=\"" +
-         machineId +
-         "\" seq=\"8\" />\n"
-         "<EndSession id=\"" +
-         id +
-         "\" time=\"T\" seq=\"9\" />\n"
-         "</UsageDoc>\n";
+  // @I, @F, @N and @M stand for the arguments, in one pass (values may hold '@').
+  static const std::string kTemplate = R"(<?xml version="1.0" encoding="utf-8"?>
+
+<UsageDoc version="0.5.5">
+<StartSession id="@I" time="T" seq="0" />
+<NewGroup category="Lumetry" subcategory="Crash" name="Session" time="T" group="0" doc="NOVALUE" seq="1" />
+<DataRec time="T" group="0" name="ProductFamily" data="LumetryQX" seq="2" />
+<DataRec time="T" group="0" name="ProductName" data="AppCrash" seq="3" />
+<NewGroup category="AppExit" subcategory="Crash" name="ExitInfo" time="T" group="1" doc="NOVALUE" seq="4" />
+<DataRec time="T" group="1" name="ExitType" data="Crash" seq="5" />
+<DataRec time="T" group="1" name="CrashProductName" data="@N" seq="6" />
+<DataRec time="T" group="1" name="CrashProductFamily" data="@F" seq="7" />
+<DataRec time="T" group="1" name="MachineID" data="@M" seq="8" />
+<EndSession id="@I" time="T" seq="9" />
+</UsageDoc>
+)";
+  std::string doc;
+  for (std::size_t i = 0; i < kTemplate.size(); ++i) {
+    if (kTemplate[i] != '@') {
+      doc += kTemplate[i];
+      continue;
+    }
+    const char key = kTemplate[++i];
+    doc += key == 'I' ? id : key == 'F' ? crashFamily : key == 'N' ? crashName : machineId;
+  }
+  return doc;
+}
+
+bool WritePlist(const std::string& path, const std::string& json, bool binary) {
+  const char* script =
+      "import json, plistlib, sys; plistlib.dump(json.loads(sys.argv[2]), open(sys.argv[1], 'wb'), "
+      "fmt=getattr(plistlib, sys.argv[3]))";
+  const RunResult run = MakeDirs(std::filesystem::path(path).parent_path().string())
+                            ? RunProgram({"/usr/bin/python3", "-c", script, path, json,
+                                          binary ? "FMT_BINARY" : "FMT_XML"})
+                            : RunResult{};
+  if (run.status != 0) ADD_FAILURE() << path << ": " << run.err;
+  return run.status == 0;
 }
 
 std::string MaskTimes(const std::string& text) {
@@ -178,61 +168,35 @@ std::string Rot47(std::string text) {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   RunResult result;
   if (argv.empty()) return result;
-
-  std::vector<std::string> environment;
+  // The caller's entries replace inherited ones of the same name.
+  const auto name = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
+  std::vector<std::string> environment = env;
   for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    std::string name = entry.substr(0, entry.find('='));
-    bool replaced = std::any_of(env.begin(), env.end(), [&](const std::string& o) {
-      return o.substr(0, o.find('=')) == name;
-    });
-    if (!replaced) environment.push_back(entry);
+    if (std::none_of(env.begin(), env.end(),
+                     [&](const std::string& o) { return name(o) == name(*e); }))
+      environment.push_back(*e);
   }
-  environment.insert(environment.end(), env.begin(), env.end());
+  const auto pointers = [](const std::vector<std::string>& strings) {
+    std::vector<char*> out;
+    for (const std::string& s : strings) out.push_back(const_cast<char*>(s.c_str()));
+    out.push_back(nullptr);
+    return out;
+  };
+  std::vector<char*> cargv = pointers(argv), cenv = pointers(environment);
 
-  std::vector<char*> cargv;
-  cargv.reserve(argv.size() + 1);
-  for (const std::string& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
-  cargv.push_back(nullptr);
-  std::vector<char*> cenv;
-  cenv.reserve(environment.size() + 1);
-  for (const std::string& e : environment) cenv.push_back(const_cast<char*>(e.c_str()));
-  cenv.push_back(nullptr);
-
-  int out_pipe[2];
-  int err_pipe[2];
-  if (::pipe(out_pipe) != 0) return result;
-  if (::pipe(err_pipe) != 0) {
-    ::close(out_pipe[0]);
-    ::close(out_pipe[1]);
-    return result;
-  }
-
+  // The output goes to files, so neither a chatty child nor a grandchild that
+  // keeps the descriptors can block the caller.
+  const ScopedTempDir dir;
+  const std::string out = dir.Sub("out"), err = dir.Sub("err");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], 2);
-  posix_spawn_file_actions_addclose(&actions, out_pipe[0]);
-  posix_spawn_file_actions_addclose(&actions, err_pipe[0]);
-
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   pid_t pid = -1;
-  int rc = ::posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
+  const int rc = ::posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
   posix_spawn_file_actions_destroy(&actions);
-  ::close(out_pipe[1]);
-  ::close(err_pipe[1]);
-  if (rc != 0) {
-    ::close(out_pipe[0]);
-    ::close(err_pipe[0]);
-    return result;
-  }
-
-  // Drain both pipes concurrently so a chatty child cannot block on either.
-  std::thread err_reader([&] { result.err = ReadAllFromFd(err_pipe[0]); });
-  result.out = ReadAllFromFd(out_pipe[0]);
-  err_reader.join();
-  ::close(out_pipe[0]);
-  ::close(err_pipe[0]);
+  if (rc != 0) return result;
 
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -242,6 +206,8 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
   } else if (WIFSIGNALED(status)) {
     result.status = 128 + WTERMSIG(status);
   }
+  ReadFile(out, &result.out);
+  ReadFile(err, &result.err);
   return result;
 }
 

@@ -88,6 +88,8 @@ class ScopedNoNewFiles {
 bool AgeFile(const std::string& path, long seconds);
 
 bool ReadFile(const std::string& path, std::string* contents);
+// The whole file, or "<unreadable PATH>", which no test expects.
+std::string Contents(const std::string& path);
 // Creates missing parent directories; false on any failure.
 bool WriteFile(const std::string& path, const std::string& contents);
 bool MakeDirs(const std::string& path);
@@ -95,10 +97,22 @@ bool PathExists(const std::string& path);                    // lstat: links cou
 std::vector<std::string> ListNames(const std::string& dir);  // sorted, no . and ..
 int FileMode(const std::string& path);                       // permission bits, or -1
 
+// Every entry of a settings file as "section/key=value", joined by ';'.
+template <class Settings>
+std::string DumpSettings(const Settings& s) {
+  std::string out;
+  for (const auto& e : s.entries()) out += (out.empty() ? "" : ";") + e.first + "=" + e.second;
+  return out;
+}
+
 // The ten-element crash document with every time stamp written as "T".
 // The arguments are the attribute texts as written (already escaped).
 std::string CrashDocument(const std::string& id, const std::string& crashFamily,
                           const std::string& crashName, const std::string& machineId);
+// Writes the JSON value `json` as a property list at `path` (missing parent
+// directories are made) with python's plistlib, a writer independent of the
+// product's; false, with a test failure carrying python's message, on error.
+bool WritePlist(const std::string& path, const std::string& json, bool binary);
 // Replaces every time="YYYY-MM-DDThh:mm:ssZ" by time="T".
 std::string MaskTimes(const std::string& text);
 // ROT47 over every byte, written independently of the product's code.

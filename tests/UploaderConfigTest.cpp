@@ -114,9 +114,8 @@ TEST(UploaderConfigTest, ConfigPlaces) {
     ASSERT_TRUE(user_text == nullptr || (ts::WriteFile(user, user_text) &&
                                          ::utimensat(AT_FDCWD, user.c_str(), times, 0) == 0));
     EXPECT_EQ(Uploader::GetUploaderConfigPath(), user);
-    std::string text;
-    ASSERT_TRUE(ts::ReadFile(user, &text));
-    EXPECT_EQ(text, result) << (shipped_text != nullptr) << (user_text != nullptr) << user_age;
+    EXPECT_EQ(ts::Contents(user), result)
+        << (shipped_text != nullptr) << (user_text != nullptr) << user_age;
   }
 }
 

@@ -16,12 +16,7 @@ namespace {
 using boost::gregorian::date;
 using Uploader::WakeDateState;
 using S = UploaderStatus;
-
-std::string Dump(const SettingsFile& s) {
-  std::string out;
-  for (const auto& e : s.entries()) out += (out.empty() ? "" : ";") + e.first + "=" + e.second;
-  return out;
-}
+using testing_support::DumpSettings;
 
 std::string LocalDay(int offset) {
   const date day = boost::gregorian::day_clock::local_day() + boost::gregorian::days(offset);
@@ -91,9 +86,7 @@ TEST(UploaderStatusTest, EvaluateSavesTransitions) {
     S status = S::Kill;
     EXPECT_EQ(Uploader::EvaluateUploaderStatus("App", "2", path, "ulog", &status), 0);
     EXPECT_EQ(status, expected) << before;
-    std::string saved;
-    ASSERT_TRUE(testing_support::ReadFile(path, &saved));
-    EXPECT_EQ(saved, after == "=" ? before : after) << before;
+    EXPECT_EQ(testing_support::Contents(path), after == "=" ? before : after) << before;
   }
   S status = S::Kill;  // null outputs and empty paths change nothing
   EXPECT_EQ(Uploader::EvaluateUploaderStatus("a", "b", dir.Sub("x.cfg"), "ulog", nullptr) +
@@ -113,7 +106,7 @@ TEST(UploaderStatusTest, MergeRules) {
     SettingsFile target;
     target.LoadText("top=1\n[s]\na=1\nb=2\n[sx]\nk=K");
     EXPECT_EQ(Uploader::MergeSettings(target, c.first), 0);
-    EXPECT_EQ(Dump(target), c.second) << c.first;
+    EXPECT_EQ(DumpSettings(target), c.second) << c.first;
   }
 }
 

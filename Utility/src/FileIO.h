@@ -31,6 +31,11 @@ enum class ReadStatus {
 ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string* contents,
                     int* error_number = nullptr);
 
+// The same for standard input, which may be a pipe or a terminal: read to its
+// end, or refused past `max_bytes`.
+ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents,
+                             int* error_number = nullptr);
+
 // As ReadFile, but the file is opened for reading and writing (never created
 // or truncated), for readers whose rules give no settings to a file this
 // process may not write: such a file reads as kError.

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "FileUtil.h"
@@ -42,6 +43,34 @@ bool ReadSymbolicLink(const std::string& path, std::string* target);
 
 // True when anything, even a dangling symbolic link, is at `path`.
 bool ItemExists(const std::string& path);
+
+// A non-owning reference to a callable that takes one entry name: the
+// directory's own NUL-terminated bytes, valid only during the call, so a
+// listing copies nothing that the callable does not keep. (A callable that
+// takes a std::string_view gets one made from them.)
+class NameVisitor {
+ public:
+  template <typename F, typename = std::enable_if_t<!std::is_same_v<std::decay_t<F>, NameVisitor>>>
+  // NOLINTNEXTLINE(google-explicit-constructor): stands for any callable
+  NameVisitor(F&& visit)
+      : context_(const_cast<void*>(static_cast<const void*>(&visit))),
+        call_([](void* context, const char* name) {
+          (*static_cast<std::remove_reference_t<F>*>(context))(name);
+        }) {}
+
+  void operator()(const char* name) const { call_(context_, name); }
+
+ private:
+  void* context_;
+  void (*call_)(void*, const char*);
+};
+
+// Calls `visit` with each entry name of `dir` (without "." and "..") as the
+// directory yields it, in listing order. False when the directory cannot be
+// opened or reading fails part-way; the names already visited stay visited.
+// The one listing routine: everything that lists one directory level is
+// built on it.
+bool ForEachName(const std::string& dir, const NameVisitor& visit);
 
 // Appends the entry names of `dir` in listing order, without "." and "..".
 // False (nothing appended) when the directory cannot be read.

@@ -1,4 +1,4 @@
-// Whole-buffer writes to a file descriptor.
+// The read and write loops over a file descriptor.
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +18,27 @@ bool WriteAll(int fd, const void* data, std::size_t size) {
     size -= static_cast<std::size_t>(written);
   }
   return true;
+}
+
+FileIO::ReadStatus ReadAll(int fd, std::size_t max_bytes, std::string* contents, int* error) {
+  std::string data;
+  char buffer[16384];
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      *error = errno;
+      return FileIO::ReadStatus::kError;
+    }
+    if (got == 0) break;
+    // Files that report no size (/proc, sysfs, pipes) are capped as they are read.
+    if (data.size() + static_cast<std::size_t>(got) > max_bytes) {
+      return FileIO::ReadStatus::kTooLarge;
+    }
+    data.append(buffer, static_cast<std::size_t>(got));
+  }
+  contents->swap(data);
+  return FileIO::ReadStatus::kOk;
 }
 
 }  // namespace posix_io

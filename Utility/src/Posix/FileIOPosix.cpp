@@ -18,13 +18,17 @@
 
 namespace posix_io {
 
-bool ReadNames(DIR* dir, std::vector<std::string>* names) {
+bool VisitNames(DIR* dir, const FileUtil::platform::NameVisitor& visit) {
   for (;;) {
     errno = 0;
     const struct dirent* entry = ::readdir(dir);
     if (entry == nullptr) return errno == 0;
-    if (!IsDotOrDotDot(entry->d_name)) names->emplace_back(entry->d_name);
+    if (!IsDotOrDotDot(entry->d_name)) visit(entry->d_name);
   }
+}
+
+bool ReadNames(DIR* dir, std::vector<std::string>* names) {
+  return VisitNames(dir, [names](const char* name) { names->emplace_back(name); });
 }
 
 bool ReadNamesAt(int dir_fd, std::vector<std::string>* names) {
@@ -120,23 +124,7 @@ ReadStatus ReadWithFlags(const std::string& path, int access_flags, std::size_t 
     return ReadStatus::kNotRegular;
   }
   if (static_cast<unsigned long long>(st.st_size) > max_bytes) return ReadStatus::kTooLarge;
-
-  std::string data;
-  char buffer[16384];
-  for (;;) {
-    const ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = errno;
-      return ReadStatus::kError;
-    }
-    if (got == 0) break;
-    // Files that report no size (/proc, sysfs) are capped while they are read.
-    if (data.size() + static_cast<std::size_t>(got) > max_bytes) return ReadStatus::kTooLarge;
-    data.append(buffer, static_cast<std::size_t>(got));
-  }
-  contents->swap(data);
-  return ReadStatus::kOk;
+  return posix_io::ReadAll(fd.get(), max_bytes, contents, &error);
 }
 
 }  // namespace
@@ -148,6 +136,26 @@ ReadStatus ReadFile(const std::string& path, std::size_t max_bytes, std::string*
 
 ReadStatus ReadWritableFile(const std::string& path, std::size_t max_bytes, std::string* contents) {
   return ReadWithFlags(path, O_RDWR, max_bytes, contents, nullptr);
+}
+
+ReadStatus ReadStandardInput(std::size_t max_bytes, std::string* contents, int* error_number) {
+  int ignored = 0;
+  int& error = error_number != nullptr ? *error_number : ignored;
+  error = 0;
+  if (contents == nullptr) {
+    error = EINVAL;
+    return ReadStatus::kError;
+  }
+  struct stat st;
+  if (::fstat(STDIN_FILENO, &st) != 0) {
+    error = errno;
+    return ReadStatus::kError;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    error = EISDIR;
+    return ReadStatus::kNotRegular;
+  }
+  return posix_io::ReadAll(STDIN_FILENO, max_bytes, contents, &error);
 }
 
 bool GetRegularFileSize(const std::string& path, std::uint64_t* size) {

@@ -84,14 +84,20 @@ bool ItemExists(const std::string& path) {
   return !path.empty() && ::lstat(path.c_str(), &st) == 0;
 }
 
-bool ListNames(const std::string& dir, std::vector<std::string>* names) {
+bool ForEachName(const std::string& dir, const NameVisitor& visit) {
   if (dir.empty()) return false;
   ScopedDir stream(::opendir(dir.c_str()));
   if (!stream) return false;
-  std::vector<std::string> read;
-  if (!posix_io::ReadNames(stream.get(), &read)) return false;
-  names->insert(names->end(), read.begin(), read.end());
-  return true;
+  return posix_io::VisitNames(stream.get(), visit);
+}
+
+bool ListNames(const std::string& dir, std::vector<std::string>* names) {
+  const std::size_t before = names->size();
+  if (ForEachName(dir, [names](const char* name) { names->emplace_back(name); })) {
+    return true;
+  }
+  names->resize(before);  // a listing that failed part-way appends nothing
+  return false;
 }
 
 MakeDirectoryResult MakeDirectoryLikeParent(const FSRef& parent, const std::string& name) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "FileUtilPlatform.h"
+
 struct DirCloser {
   void operator()(DIR* dir) const { ::closedir(dir); }
 };
@@ -20,6 +22,11 @@ namespace posix_io {
 inline bool IsDotOrDotDot(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
+
+// Calls `visit` with every entry name of `dir` except "." and "..", in
+// listing order, on the stream's own bytes. False when reading the stream
+// fails part-way.
+bool VisitNames(DIR* dir, const FileUtil::platform::NameVisitor& visit);
 
 // Appends every entry name of `dir` except "." and "..", in listing order.
 // False when reading the stream fails part-way.

@@ -1,0 +1,106 @@
+// One pass of the uploader; see Pass.h. Each step is in the file named after
+// it; this file only puts them in order.
+#include "Pass.h"
+
+#include <ctime>
+#include <set>
+#include <sstream>
+
+#include "AttemptLedger.h"
+#include "DiskBudget.h"
+#include "FileUtil.h"
+#include "Gates.h"
+#include "Mac/LogCourUtilsMac.h"
+#include "PassContext.h"
+#include "PassLock.h"
+#include "Reporter.h"
+#include "ServerSettings.h"
+#include "SpoolScan.h"
+#include "Uploads.h"
+
+namespace Courier {
+namespace {
+
+const char kSource[] = "Uploader/Pass";
+const char kLedgerName[] = "LogCourier2.attempts";
+
+std::int64_t Now(const PassSettings& settings) {
+  return settings.clock ? settings.clock() : static_cast<std::int64_t>(std::time(nullptr));
+}
+
+}  // namespace
+
+std::string PassSummary::Describe() const {
+  std::ostringstream out;
+  out << "sent " << sent << ", refused " << refused << ", given up " << gaveUp
+      << ", failed attempts " << failed << ", deleted for space " << budgetDeleted
+      << ", still being written " << busy << ", paused " << paused << ", waiting " << waiting
+      << ", left in the spool " << kept << ", requests " << requests;
+  if (!quietReason.empty()) out << "; no requests: " << quietReason;
+  if (!stopReason.empty() && stopReason != quietReason) out << "; stopped: " << stopReason;
+  return out.str();
+}
+
+PassSummary RunPass(const PassSettings& settings, Reporter& report) {
+  PassContext context(settings, report);
+  context.now = Now(settings);
+  report.Say("pass started" + (settings.reason.empty() ? "" : " (" + settings.reason + ")"),
+             kSource, __LINE__);
+
+  const std::string spool = GetUploaderLogDir();
+  if (spool.empty()) {
+    report.Say("no spool directory (no home directory?), nothing to do", kSource, __LINE__);
+    return context.summary;
+  }
+  const PassLock lock = PassLock::Take(GetUploaderLockPath());
+  if (!lock.IsHeld()) {
+    report.Say("another pass holds the lock; it will see the new files", kSource, __LINE__);
+    return context.summary;
+  }
+
+  context.configPath = Uploader::GetUploaderConfigPath();
+  context.ReloadConfig();
+  AttemptLedger ledger = AttemptLedger::Load(
+      context.configPath.empty()
+          ? ""
+          : FileUtil::JoinPath(FileUtil::ParentDirectory(context.configPath), kLedgerName));
+
+  const std::string gate = PrivacyGateReason();
+  if (!gate.empty()) {
+    context.CloseNetwork(gate);
+  } else if (CheckUploaderStatus(context)) {
+    FetchConfiguration(context);
+    FetchPolicy(context);
+  }
+  if (!context.networkOpen && context.summary.requests == 0) {
+    context.summary.quietReason = context.summary.stopReason;
+  }
+
+  std::vector<SpoolEntry> entries = ScanSpool(spool);
+  const BudgetResult budget =
+      ApplyDiskBudget(entries, context.config.maxDiskSpace, settings.dryRun, report);
+  context.summary.budgetDeleted = static_cast<int>(budget.deleted.size());
+  const std::set<std::string> gone(budget.deleted.begin(), budget.deleted.end());
+  std::vector<SpoolEntry> remaining;
+  std::set<std::string> present;
+  for (SpoolEntry& entry : entries) {
+    if (gone.count(entry.name) != 0) continue;
+    present.insert(entry.name);
+    remaining.push_back(std::move(entry));
+  }
+  ledger.KeepOnly(present);
+
+  UploadSpool(context, remaining, ledger);
+  if (!settings.dryRun && !ledger.SaveIfChanged()) {
+    report.Say("could not write the attempt ledger", kSource, __LINE__);
+  }
+  if (!context.networkOpen && context.summary.requests == 0) {
+    context.summary.quietReason = context.summary.stopReason;
+  }
+  context.summary.kept = static_cast<int>(ScanSpool(spool).size());
+  context.summary.ran = true;
+  report.Say("pass done: " + context.summary.Describe(), kSource, __LINE__);
+  return context.summary;
+}
+
+}  // namespace Courier

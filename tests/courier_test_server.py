@@ -1,0 +1,161 @@
+#!/usr/bin/env python3
+"""HTTPS server for the uploader's tests, on 127.0.0.1 only.
+
+Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS]
+
+Writes the chosen port to DIR/port. Each request is recorded as
+DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header,
+names lower-cased)
+and DIR/requests/NNNN.body (the raw body). Answers follow DIR/script.json,
+read afresh for every request: {"<path>": [answer, ...]} where the answers of
+a path are used in turn and the last one repeats. An answer is an object with
+"status" (default 200), "body" (text), "body_size" (that many "x" bytes),
+"headers" (object), "delay" (seconds before answering) and "action": "close"
+(drop the connection without an answer) or "garbage" (a line that is not HTTP).
+Unscripted paths answer 204 to GET and 200 to POST. The server stops by itself
+after the lifetime.
+"""
+import argparse
+import http.server
+import json
+import os
+import socket
+import ssl
+import sys
+import threading
+import time
+
+MAX_BODY = 256 * 1024 * 1024
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+
+    def log_message(self, *args):
+        pass
+
+    def _record(self, body):
+        state = self.server.state
+        with state["lock"]:
+            state["count"] += 1
+            number = state["count"]
+        base = os.path.join(state["dir"], "requests", "%04d" % number)
+        with open(base + ".body.tmp", "wb") as f:
+            f.write(body)
+        os.rename(base + ".body.tmp", base + ".body")
+        head = "%s %s\n" % (self.command, self.path)
+        for name, value in self.headers.items():
+            head += "%s: %s\n" % (name.lower(), value)
+        with open(base + ".head.tmp", "w", encoding="utf-8", errors="surrogateescape") as f:
+            f.write(head)
+        os.rename(base + ".head.tmp", base + ".head")
+
+    def _answer_for(self):
+        state = self.server.state
+        try:
+            with open(os.path.join(state["dir"], "script.json"), encoding="utf-8") as f:
+                text = f.read()
+            script = json.loads(text)
+        except (OSError, ValueError):
+            text, script = "", {}
+        answers = script.get(self.path)
+        with state["lock"]:
+            if text != state.get("script"):  # a new script starts its answers afresh
+                state["script"] = text
+                state["used"] = {}
+            if not answers:
+                return {"status": 204 if self.command == "GET" else 200}
+            used = state["used"].get(self.path, 0)
+            state["used"][self.path] = used + 1
+        return answers[min(used, len(answers) - 1)]
+
+    def _handle(self):
+        length = int(self.headers.get("Content-Length") or 0)
+        body = self.rfile.read(min(length, MAX_BODY)) if length > 0 else b""
+        self._record(body)
+        answer = self._answer_for()
+        time.sleep(float(answer.get("delay", 0)))
+        action = answer.get("action")
+        if action == "close":
+            self.close_connection = True
+            self.connection.shutdown(socket.SHUT_RDWR)
+            return
+        if action == "garbage":
+            self.wfile.write(b"this is not an answer\r\n\r\n")
+            self.close_connection = True
+            return
+        status = int(answer.get("status", 200))
+        size = answer.get("body_size")
+        data = answer.get("body", "").encode("utf-8", "surrogateescape")
+        self.send_response(status)
+        for name, value in answer.get("headers", {}).items():
+            self.send_header(name, value)
+        self.send_header("Content-Length", str(size if size is not None else len(data)))
+        self.send_header("Connection", "close")
+        self.end_headers()
+        try:
+            if size is not None:
+                chunk = b"x" * 65536
+                left = int(size)
+                while left > 0:
+                    self.wfile.write(chunk[:min(left, len(chunk))])
+                    left -= len(chunk)
+            else:
+                self.wfile.write(data)
+        except OSError:
+            pass  # the client stopped reading, as a capped client does
+        self.close_connection = True
+
+    do_GET = _handle
+    do_POST = _handle
+    do_PUT = _handle
+
+
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+
+    def __init__(self, address, context, state):
+        super().__init__(address, Handler)
+        self.context = context
+        self.state = state
+
+    def finish_request(self, request, client_address):
+        # The TLS handshake runs in the request's own thread, with a time
+        # limit, so a client that fails it cannot hold up the others.
+        request.settimeout(10)
+        try:
+            tls = self.context.wrap_socket(request, server_side=True)
+        except (OSError, ssl.SSLError):
+            return
+        try:
+            super().finish_request(tls, client_address)
+        finally:
+            try:
+                tls.close()
+            except OSError:
+                pass
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--cert", required=True)
+    parser.add_argument("--key", required=True)
+    parser.add_argument("--dir", required=True)
+    parser.add_argument("--lifetime", type=float, default=120)
+    args = parser.parse_args()
+    os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(args.cert, args.key)
+    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}}
+    server = Server(("127.0.0.1", 0), context, state)
+    port_file = os.path.join(args.dir, "port")
+    with open(port_file + ".tmp", "w") as f:
+        f.write(str(server.server_address[1]))
+    os.rename(port_file + ".tmp", port_file)
+    threading.Timer(args.lifetime, server.shutdown).start()
+    server.serve_forever(poll_interval=0.1)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
