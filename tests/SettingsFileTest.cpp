@@ -130,7 +130,7 @@ TEST(SettingsFileTest, HeadersHoldingSlashSurviveSaveAndLoad) {
     ASSERT_EQ(original.GetValue(c.section, c.key), c.value) << c.text;
     SettingsFile reread;
     ASSERT_EQ(original.Save(path) + reread.Load(path), 0) << c.text;
-    EXPECT_EQ(Dump(reread), Dump(original)) << c.text;
+    EXPECT_EQ(ts::DumpSettings(reread), ts::DumpSettings(original)) << c.text;
     EXPECT_EQ(reread.GetValue(c.section, c.key), c.value) << c.text;
     EXPECT_EQ(reread.GetValue("plain", "key"), "value") << c.text;
   }
