@@ -99,11 +99,17 @@ TEST_F(PreferenceDomainsTest, DescribesEscapesNestingAndEmptyContainers) {
   for (const auto& [xml, text] : cases) EXPECT_EQ(pd::Describe(Parse(xml)), text) << xml;
   EXPECT_EQ(pd::Describe(PrefValue()), "");
 
-  // Deep nesting from a hostile file is cut short, not walked to a crash.
-  std::string deep;
-  for (int i = 0; i < 200; ++i) deep += "<array>";
-  for (int i = 0; i < 200; ++i) deep += "</array>";
-  EXPECT_NE(pd::Describe(Parse(deep)).find("..."), std::string::npos);
+  // Deep nesting from a hostile file is cut short, not walked to a crash;
+  // nesting past the store's bound is refused before the library parses it.
+  const auto nested = [](int depth) {
+    std::string text;
+    for (int i = 0; i < depth; ++i) text += "<array>";
+    for (int i = 0; i < depth; ++i) text += "</array>";
+    return text;
+  };
+  EXPECT_NE(pd::Describe(Parse(nested(100))).find("..."), std::string::npos);
+  PrefValue refused;
+  EXPECT_FALSE(pd::FromPropertyList(nested(200), &refused));
 }
 
 TEST_F(PreferenceDomainsTest, RefusesBytesThatAreNoPropertyList) {

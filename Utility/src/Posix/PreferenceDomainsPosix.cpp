@@ -16,6 +16,7 @@
 
 #include "FileUtil.h"
 #include "Guarded.h"
+#include "Posix/PlistGuards.h"
 #include "Posix/ScopedDir.h"
 #include "PreferenceDomains.h"
 #include "PreferenceStore.h"
@@ -286,9 +287,10 @@ bool ToXml(const PrefValue& value, std::string* xml) {
 bool FromPropertyList(const std::string& bytes, PrefValue* out) {
   return Guarded(false, [&] {
     if (out == nullptr || bytes.empty() || bytes.size() > UINT32_MAX) return false;
-    plist_t root = nullptr;
-    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+    // Imported files come from anywhere: the same guards as the store's reads.
+    plist_t root = plist_guard::Parse(bytes);
     if (root == nullptr) return false;
+    plist_guard::RepairStrings(root);
     *out = PrefValue::Adopt(root);
     return true;
   });
