@@ -12,9 +12,6 @@
 #include <vector>
 
 #include "PlatformPaths.h"
-#include "PlistTrailer.h"
-#include "Posix/PlistGuards.h"
-#include "Posix/ScopedPlist.h"
 #include "Preferences.h"
 #include "TestSupport.h"
 
@@ -231,103 +228,12 @@ TEST_F(PreferencesTest, UnsoundBinaryTrailersReadEmpty) {
   }
 }
 
-// The trailer check on a minimal binary list (an empty dictionary), one
-// field spoiled at a time, with values chosen to overflow naive arithmetic.
-TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
-  const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
-                       std::uint64_t top, std::uint64_t table, unsigned char entry) {
-    std::string bytes = "bplist00";
-    bytes += '\xD0';                    // the object: an empty dictionary, at 8
-    bytes += static_cast<char>(entry);  // the offset table, at 9
-    bytes.append(6, '\0');
-    bytes += static_cast<char>(offset_size);
-    bytes += static_cast<char>(ref_size);
-    for (std::uint64_t value : {count, top, table}) {
-      for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
-    }
-    return bytes;
-  };
-  const std::uint64_t kMax = ~std::uint64_t{0};
-  const struct Case {
-    std::string bytes;
-    bool sound;
-  } cases[] = {
-      {make(1, 1, 1, 0, 9, 8), true},
-      {make(0, 1, 1, 0, 9, 8), false},
-      {make(9, 1, 1, 0, 9, 8), false},
-      {make(1, 0, 1, 0, 9, 8), false},
-      {make(1, 9, 1, 0, 9, 8), false},
-      {make(1, 1, 0, 0, 9, 8), false},
-      {make(1, 1, 1, 1, 9, 8), false},
-      {make(1, 1, kMax, 0, 9, 8), false},
-      {make(8, 8, kMax / 4, 0, 9, 8), false},
-      {make(1, 1, 1, 0, kMax - 7, 8), false},
-      {make(1, 1, 1, 0, 3, 8), false},
-      {make(1, 1, 1, 0, 10, 8), false},
-      {make(1, 1, 1, 0, 9, 9), false},
-      {make(1, 1, 1, 0, 9, 2), false},
-      {make(1, 1, 1, 0, 9, 8).substr(0, 39), false},
-      {"bplist01" + make(1, 1, 1, 0, 9, 8).substr(8), false},
-  };
-  for (std::size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
-    const std::string& b = cases[i].bytes;
-    PlistTrailer::Fields fields;
-    EXPECT_EQ(cases[i].sound, PlistTrailer::IsSound(b.data(), b.size(), &fields)) << i;
-  }
-  PlistTrailer::Fields fields;
-  const std::string sound = make(1, 1, 1, 0, 9, 8);
-  ASSERT_TRUE(PlistTrailer::IsSound(sound.data(), sound.size(), &fields));
-  EXPECT_EQ(9u, fields.table_offset);
-  EXPECT_EQ(1u, fields.object_count);
-}
-
-// A chain of `depth` arrays, each holding the next (the last one empty),
-// as a binary list with 4-byte offsets and references. `loop` makes the
-// last array hold the first instead.
-std::string NestedArrays(std::uint32_t depth, bool loop = false) {
-  const auto be = [](std::uint64_t value, int width) {
-    std::string out;
-    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
-      out += static_cast<char>(value >> shift);
-    return out;
-  };
-  std::string bytes = "bplist00";
-  std::string table;
-  for (std::uint32_t i = 0; i < depth; ++i) {
-    table += be(bytes.size(), 4);
-    const bool last = i + 1 == depth;
-    bytes += (last && !loop) ? std::string(1, '\xA0') : '\xA1' + be(last ? 0 : i + 1, 4);
-  }
-  const std::size_t table_offset = bytes.size();
-  return bytes + table + std::string(6, '\0') + '\x04' + '\x04' + be(depth, 8) + be(0, 8) +
-         be(table_offset, 8);
-}
-
-// Nesting is bounded before the library (which recurses) sees a file, and
-// so are loops and counts that run past the objects.
-TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
-  const std::uint32_t limit = PlistTrailer::kMaxDepth;
-  std::string overrun = NestedArrays(2);
-  overrun[8] = '\xA5';  // five references where the object area holds one
-  const std::pair<std::string, bool> cases[] = {
-      {NestedArrays(1), true},
-      {NestedArrays(limit), true},
-      {NestedArrays(limit + 1), false},
-      {NestedArrays(3, true), false},
-      {overrun, false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.second, PlistTrailer::IsWithinBounds(c.first.data(), c.first.size()))
-        << c.first.size();
-  }
-}
-
 TEST_F(PreferencesTest, DeeplyNestedFilesReadEmptyWithoutCrashing) {
   std::string xml = "<plist><dict><key>k</key>";
   for (int i = 0; i < 100000; ++i) xml += "<array>";
   for (int i = 0; i < 100000; ++i) xml += "</array>";
   xml += "</dict></plist>";
-  for (const std::string& bytes : {xml, NestedArrays(200000)}) {
+  for (const std::string& bytes : {xml, testing_support::NestedBinaryArrays(200000)}) {
     ASSERT_TRUE(testing_support::WriteFile(file_, bytes));
     Names keys = {"stale"};
     EXPECT_TRUE(GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
@@ -378,26 +284,6 @@ TEST_F(PreferencesTest, NulCharactersNeverReachTheLibrarysCopies) {
     ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
     EXPECT_EQ(c.value, Str(c.key)) << c.file.size();
   }
-}
-
-// The write guard: a tree that the library would write as bytes its own
-// reader does not give back (a string that is not UTF-8) is refused; the
-// same tree once repaired is written, and reads back the same.
-TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
-  const ScopedPlist tree = AdoptPlist(plist_new_dict());
-  plist_dict_set_item(static_cast<plist_t>(tree.get()), "MachineID", plist_new_string("ID-1"));
-  plist_dict_set_item(static_cast<plist_t>(tree.get()), "city", plist_new_string("\xE9t\xE9"));
-  std::string bytes = "untouched";
-  EXPECT_FALSE(plist_guard::SerialiseVerified(static_cast<plist_t>(tree.get()), &bytes));
-  EXPECT_EQ("untouched", bytes);
-  plist_guard::RepairStrings(static_cast<plist_t>(tree.get()));
-  ASSERT_TRUE(plist_guard::SerialiseVerified(static_cast<plist_t>(tree.get()), &bytes));
-  const ScopedPlist reread = AdoptPlist(plist_guard::Parse(bytes));
-  EXPECT_TRUE(
-      plist_guard::SameTree(static_cast<plist_t>(tree.get()), static_cast<plist_t>(reread.get())));
-  plist_dict_set_item(static_cast<plist_t>(reread.get()), "city", plist_new_string("ete"));
-  EXPECT_FALSE(
-      plist_guard::SameTree(static_cast<plist_t>(tree.get()), static_cast<plist_t>(reread.get())));
 }
 
 // A FIFO at the domain file or at its lock file: reads see an empty domain

@@ -241,6 +241,25 @@ ScopedNoNewFiles::~ScopedNoNewFiles() {
   }
 }
 
+std::string NestedBinaryArrays(std::uint32_t depth, bool loop) {
+  const auto be = [](std::uint64_t value, int width) {
+    std::string out;
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+      out += static_cast<char>(value >> shift);
+    return out;
+  };
+  std::string bytes = "bplist00";
+  std::string table;
+  for (std::uint32_t i = 0; i < depth; ++i) {
+    table += be(bytes.size(), 4);
+    const bool last = i + 1 == depth;
+    bytes += (last && !loop) ? std::string(1, '\xA0') : '\xA1' + be(last ? 0 : i + 1, 4);
+  }
+  const std::size_t table_offset = bytes.size();
+  return bytes + table + std::string(6, '\0') + '\x04' + '\x04' + be(depth, 8) + be(0, 8) +
+         be(table_offset, 8);
+}
+
 bool AgeFile(const std::string& path, long seconds) {
   struct timespec times[2];
   ::clock_gettime(CLOCK_REALTIME, &times[0]);

@@ -4,6 +4,7 @@
 #ifndef LUMETRY_TESTS_TESTSUPPORT_H_
 #define LUMETRY_TESTS_TESTSUPPORT_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,11 @@ class ScopedNoNewFiles {
   std::string dir_;
   How how_ = How::kNone;
 };
+
+// A binary property list of `depth` nested arrays, each holding the next
+// (the last one empty), with 4-byte offsets and references; with `loop` the
+// last array holds the first instead.
+std::string NestedBinaryArrays(std::uint32_t depth, bool loop = false);
 
 // Sets the modification time of `path` to `seconds` before now.
 bool AgeFile(const std::string& path, long seconds);
