@@ -12,7 +12,8 @@
 #include "SessionInfo.h"
 
 static void BM_ParseSessionInfoName(benchmark::State& state) {
-  const std::string name = "4711_QuorvikCreative_PhotoStudio_SESS-20261123-01_K7F3_main_2_PhotoStudio.info";
+  const std::string name =
+      "4711_QuorvikCreative_PhotoStudio_SESS-20261123-01_K7F3_main_2_PhotoStudio.info";
   for (auto _ : state) {
     benchmark::DoNotOptimize(CrashProcessor::ParseSessionInfoName(name));
   }
