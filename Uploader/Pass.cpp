@@ -14,6 +14,7 @@
 #include "PassContext.h"
 #include "PassLock.h"
 #include "Reporter.h"
+#include "RuntimePlaces.h"
 #include "ServerSettings.h"
 #include "SpoolScan.h"
 #include "Uploads.h"
@@ -22,7 +23,6 @@ namespace Courier {
 namespace {
 
 const char kSource[] = "Uploader/Pass";
-const char kLedgerName[] = "LogCourier2.attempts";
 
 std::int64_t Now(const PassSettings& settings) {
   return settings.clock ? settings.clock() : static_cast<std::int64_t>(std::time(nullptr));
@@ -61,9 +61,9 @@ PassSummary RunPass(const PassSettings& settings, Reporter& report) {
   context.configPath = Uploader::GetUploaderConfigPath();
   context.ReloadConfig();
   AttemptLedger ledger = AttemptLedger::Load(
-      context.configPath.empty()
-          ? ""
-          : FileUtil::JoinPath(FileUtil::ParentDirectory(context.configPath), kLedgerName));
+      context.configPath.empty() ? ""
+                                 : FileUtil::JoinPath(FileUtil::ParentDirectory(context.configPath),
+                                                      Places::kAttemptLedgerName));
 
   const std::string gate = PrivacyGateReason();
   if (!gate.empty()) {

@@ -21,6 +21,8 @@ constexpr char kPIIPrefsSubpath[] = "/Application Support/Quorvik/PII/com.quorvi
 // ---- Below Application Support ----
 constexpr char kUploaderConfigSubdir[] = "/Quorvik/LogCourier2QX/";
 constexpr char kUploaderConfigName[] = "LogCourier2.cfg";
+// Beside the configuration: the uploader's attempt counts, kept across passes.
+constexpr char kAttemptLedgerName[] = "LogCourier2.attempts";
 constexpr char kTarvixSubdir[] = "/Quorvik/Tarvix/TarvixQX";
 constexpr char kTarvixPolicyName[] = "tarvix_policy.xml";
 
