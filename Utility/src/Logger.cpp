@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kConfigSeparators = " =;,";
 constexpr std::size_t kConfigLineBuffer = 512;
 // The configuration holds a line or two; a larger file is not read at all.
-constexpr std::size_t kMaxConfigBytes = 64 * 1024;
+constexpr std::size_t kMaxConfigBytes = std::size_t{64} * 1024;
 
 // Handed out only when building the real logger failed (out of memory).
 // Placement-constructed so that it is never destroyed either.
