@@ -103,12 +103,11 @@ void RepairStrings(plist_t node) {
         RepairStrings(item.second);
         if (StringUtil::IsValidUTF8(item.first)) continue;
         const std::string repaired = StringUtil::RepairUTF8(item.first);
-        plist_t moved = plist_copy(item.second);
+        ScopedPlist moved = AdoptPlist(plist_copy(item.second));
         plist_dict_remove_item(node, item.first.c_str());
+        // A repaired key that collides with an existing one gives way to it.
         if (plist_dict_get_item(node, repaired.c_str()) == nullptr) {
-          plist_dict_set_item(node, repaired.c_str(), moved);
-        } else {
-          plist_free(moved);
+          plist_dict_set_item(node, repaired.c_str(), moved.release());
         }
       }
       break;
