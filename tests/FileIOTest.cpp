@@ -93,7 +93,9 @@ TEST(FileIOReplace, StaleTemporariesOfThatFileOnlyAreRemoved) {
               WriteFile(tmp.Sub(prefix + "short"), "not ours") &&
               WriteFile(tmp.Sub(FileIO::TemporaryPrefix("other.plist") + "AbC123"), "other") &&
               WriteFile(tmp.Sub("domain.plist"), "kept"));
-  FileIO::RemoveStaleTemporaries(tmp.Sub("domain.plist"));
+  FileIO::ReplaceOptions under_lock;
+  under_lock.stale_after_seconds = 0;
+  ASSERT_TRUE(FileIO::ReplaceFile(tmp.Sub("domain.plist"), "kept", 4, under_lock));
   EXPECT_EQ((std::vector<std::string>{prefix + "short", ".other.plist.tmp-AbC123", "domain.plist"}),
             ListNames(tmp.path()));
 }
@@ -165,7 +167,8 @@ TEST(FileIOReplace, NextWriterRemovesOldTemporariesOnly) {
   ASSERT_TRUE(WriteFile(tmp.Sub(prefix + "Old123"), "killed") &&
               WriteFile(tmp.Sub(prefix + "New456"), "at work") &&
               WriteFile(tmp.Sub(FileIO::TemporaryPrefix("other.cfg") + "Old789"), "other"));
-  ASSERT_TRUE(AgeFile(tmp.Sub(prefix + "Old123"), FileIO::kStaleTemporarySeconds + 60));
+  ASSERT_TRUE(
+      AgeFile(tmp.Sub(prefix + "Old123"), FileIO::ReplaceOptions().stale_after_seconds + 60));
   ASSERT_TRUE(AgeFile(tmp.Sub(FileIO::TemporaryPrefix("other.cfg") + "Old789"), 600));
   ASSERT_TRUE(FileIO::ReplaceFile(tmp.Sub("settings.cfg"), "x", 1));
   EXPECT_EQ((std::vector<std::string>{".other.cfg.tmp-Old789", prefix + "New456", "settings.cfg"}),

@@ -67,28 +67,24 @@ struct ReplaceOptions {
   // file this process may write, the bytes are written over it in place.
   // Not atomic, but the new contents are not lost to a directory's rules.
   bool in_place_fallback = false;
+  // After a successful write, the target's temporary files older than this
+  // are removed: left-overs of a killed writer, since no live writer takes a
+  // minute to write a small file. A caller that holds the lock of every
+  // writer of the file knows each one is stale and passes 0.
+  std::int64_t stale_after_seconds = 60;
 };
-
-// Temporary files of a target older than this are left-overs of a killed
-// writer: no live writer takes that long to write a small file.
-constexpr std::int64_t kStaleTemporarySeconds = 60;
 
 // Replaces the file at `path` with `size` bytes of `data`: a temporary file
 // beside the target (named TemporaryPrefix + six characters), written whole,
 // given its mode, flushed to disk, renamed over the target, and the directory
 // flushed. False, with the old file intact and the temporary file removed,
 // when any step fails. After a successful replacement, temporary files of
-// the same target older than kStaleTemporarySeconds are removed.
+// the same target older than options.stale_after_seconds are removed.
 bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
                  const ReplaceOptions& options = ReplaceOptions());
 
 // The name prefix of ReplaceFile's temporary files for the file `name`.
 std::string TemporaryPrefix(const std::string& name);
-
-// Removes the temporary files that writers of `path` killed mid-write left
-// beside it. Only safe while the caller holds the lock of every writer of
-// that file.
-void RemoveStaleTemporaries(const std::string& path);
 
 // mkdir -p: creates every missing component of `path` with `mode` (less the
 // umask). Never removes anything in the way. True when `path` is a directory

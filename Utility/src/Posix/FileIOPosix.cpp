@@ -207,11 +207,9 @@ bool ReplaceFile(const std::string& path, const void* data, std::size_t size,
   if (::rename(temp_path.c_str(), target.c_str()) != 0) return false;
   temporary.Commit();
   SyncDirectory(dir);
-  RemoveTemporariesOlderThan(target, kStaleTemporarySeconds);
+  RemoveTemporariesOlderThan(target, options.stale_after_seconds);
   return true;
 }
-
-void RemoveStaleTemporaries(const std::string& path) { RemoveTemporariesOlderThan(path, 0); }
 
 namespace {
 

@@ -62,6 +62,8 @@ bool StoreDomain(const std::string& path, const PrefValue& domain) {
   options.mode = 0600;
   options.keep_mode = false;
   options.follow_link = false;
+  // Written under the domain's lock: no live writer owns a temporary file.
+  options.stale_after_seconds = 0;
   return FileIO::ReplaceFile(path, bytes.data(), bytes.size(), options);
 }
 
@@ -141,8 +143,6 @@ bool UpdateDomain(const std::string& path, const std::function<Edit(PrefValue* d
     case Edit::kStore:
       break;
   }
-  // Under the lock no live writer of this file owns a temporary file.
-  FileIO::RemoveStaleTemporaries(path);
   return StoreDomain(path, domain);
 }
 
