@@ -335,4 +335,24 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
             testing_support::ListNames(home_.Library() + "/Preferences"));
 }
 
+// Another tool's binary file whose key is Latin-1 (a one-byte string "k\xE9"):
+// the key is repaired at read, so the domain can be written again and its
+// "MachineID" stays the same.
+TEST_F(PreferencesTest, KeyThatIsNotUtf8IsRepairedAndTheDomainStaysWritable) {
+  const std::string objects = std::string("\xD2\x01\x02\x03\x04", 5) + "\x59MachineID" +
+                              "\x52k\xE9" + "\x54ID-1" + std::string("\x10\x07", 2);
+  std::string trailer(32, '\0');
+  trailer[6] = trailer[7] = 1;  // one-byte offsets and references; five objects, the
+  trailer[15] = 5;              // first one on top, the offset table after them
+  trailer[31] = 33;
+  ASSERT_TRUE(testing_support::WriteFile(
+      file_, "bplist00" + objects + std::string("\x08\x0D\x17\x1A\x1F", 5) + trailer));
+  ASSERT_EQ("ID-1", Str("MachineID"));
+  EXPECT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ("ID-1", Str("MachineID")) << round;
+    EXPECT_EQ(7, Num("k\xC3\xA9")) << round;
+  }
+}
+
 }  // namespace

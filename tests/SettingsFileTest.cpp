@@ -134,35 +134,30 @@ TEST(SettingsFileTest, HeadersHoldingSlashSurviveSaveAndLoad) {
     EXPECT_EQ(reread.GetValue(c.section, c.key), c.value) << c.text;
     EXPECT_EQ(reread.GetValue("plain", "key"), "value") << c.text;
   }
-  // A key that no line can hold is left out; the rest is saved.
-  SettingsFile odd;
-  odd.SetValue("s", "a=b", "1");
-  odd.SetValue("s", "#c", "2");
-  odd.SetValue("s", "ok", "3");
-  std::string text;
-  ASSERT_TRUE(odd.Save(path) == 0 && ts::ReadFile(path, &text));
-  EXPECT_EQ(text, "[s]\nok=3\n");
 }
 
-// A link planted at the name is replaced, never written through; a killed
-// writer's old temporary file is removed by the next save; a directory that
-// refuses new files still lets the existing file be rewritten.
-TEST(SettingsFileTest, SaveRefusesLinksCleansUpAndFallsBackInPlace) {
+// A link at the name stays and the file it names is replaced, in that
+// file's own directory; a killed writer's old temporary file is removed by
+// the next save; a directory that refuses new files still lets the existing
+// file be rewritten.
+TEST(SettingsFileTest, SaveThroughLinksCleansUpAndFallsBackInPlace) {
   ts::ScopedTempDir dir;
   const std::string path = dir.Sub("LogCourier2.cfg");
-  ASSERT_TRUE(ts::WriteFile(dir.Sub("target"), "precious"));
-  ASSERT_EQ(0, ::symlink(dir.Sub("target").c_str(), path.c_str()));
+  ASSERT_TRUE(ts::WriteFile(path, "old"));
   const std::string stale = dir.Sub(".LogCourier2.cfg.tmp-a1B2c3");
   ASSERT_TRUE(ts::WriteFile(stale, "[settings]\nurl=half") && ts::AgeFile(stale, 3600));
+  ts::ScopedTempDir elsewhere;
+  ASSERT_EQ(0, ::symlink(path.c_str(), elsewhere.Sub("link").c_str()));
   SettingsFile s;
   s.LoadText("[ulog]\nstatus=Active");
-  ASSERT_EQ(s.Save(path), 0);
+  ASSERT_EQ(s.Save(elsewhere.Sub("link")), 0);
   std::string text;
-  EXPECT_TRUE(ts::ReadFile(dir.Sub("target"), &text) && text == "precious");
+  EXPECT_TRUE(ts::ReadFile(path, &text) && text == "[ulog]\nstatus=Active\n") << text;
   struct stat st;
-  ASSERT_EQ(0, ::lstat(path.c_str(), &st));
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"LogCourier2.cfg", "target"}));
+  ASSERT_EQ(0, ::lstat(elsewhere.Sub("link").c_str(), &st));
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"LogCourier2.cfg"}));
+  EXPECT_EQ(ts::ListNames(elsewhere.path()), (std::vector<std::string>{"link"}));
 
   ts::ScopedNoNewFiles locked(dir.path());
   if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
@@ -170,6 +165,20 @@ TEST(SettingsFileTest, SaveRefusesLinksCleansUpAndFallsBackInPlace) {
   ASSERT_EQ(s.Save(path), 0);
   ASSERT_EQ(s.Load(path), 0);
   EXPECT_EQ(s.GetValue("ulog", "status"), "Kill");
+}
+
+// Every entry is written, verbatim, even one whose path would not read back
+// the same: a value the caller just stored is never dropped.
+TEST(SettingsFileTest, SaveWritesEveryEntryVerbatim) {
+  ts::ScopedTempDir dir;
+  SettingsFile odd;
+  odd.SetValue("x]y", "k", "v");
+  odd.SetValue("s", "a=b", "1");
+  odd.SetValue("s", "#c", "2");
+  odd.SetValue("s", "ok", "3");
+  std::string text;
+  ASSERT_TRUE(odd.Save(dir.Sub("odd.cfg")) == 0 && ts::ReadFile(dir.Sub("odd.cfg"), &text));
+  EXPECT_EQ(text, "[s]\n#c=2\na=b=1\nok=3\n[x]y]\nk=v\n");
 }
 
 }  // namespace

@@ -19,11 +19,12 @@ std::string TrimmedLower(const std::string& text) {
   return result;
 }
 
-// Where to cut `path` into a "[section]" header and a "key=value" line so
-// that the two read back as the same path, or npos when no cut does. The
+// Where to cut `path` into a "[section]" header and a "key=value" line. The
 // first "/" is the usual cut; a header that held "/" itself ("[a/b=c]",
 // "[settings/#x]") needs a later one, since its key part would otherwise
-// hold a "=" or begin like a comment.
+// hold a "=" or begin like a comment. When no cut reads back as the same
+// path (a key such as "a=b" stored by SetValue), the entry is still written
+// verbatim at the first "/": a value the caller stored is never dropped.
 std::string::size_type WritableSplit(const std::string& path) {
   for (std::string::size_type slash = path.find('/'); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
@@ -35,7 +36,7 @@ std::string::size_type WritableSplit(const std::string& path) {
                         (key.empty() || (key[0] != '#' && key[0] != ';' && key[0] != '['));
     if (section_ok && key_ok) return slash;
   }
-  return std::string::npos;
+  return path.find('/');
 }
 
 // The section part of a stored path: the text before its first "/".
@@ -92,7 +93,6 @@ int SettingsFile::Save(const std::string& path) const {
   bool first = true;
   for (const auto& entry : entries_) {
     const std::string::size_type slash = WritableSplit(entry.first);
-    if (slash == std::string::npos) continue;  // no line reads back as this path
     const std::string section = entry.first.substr(0, slash);
     if (first || section != current) {
       text += "[" + section + "]\n";
@@ -101,10 +101,11 @@ int SettingsFile::Save(const std::string& path) const {
     }
     text += entry.first.substr(slash + 1) + "=" + entry.second + "\n";
   }
-  // A planted link is replaced, never written through; a directory that
-  // refuses the temporary file still lets the file itself be rewritten.
+  // A link keeps pointing at the file: its target is replaced, in the
+  // target's own directory. A directory that refuses the temporary file
+  // still lets the file itself be rewritten.
   FileIO::ReplaceOptions options;
-  options.follow_link = false;
+  options.follow_link = true;
   options.in_place_fallback = true;
   return FileIO::ReplaceFile(path, text.data(), text.size(), options) ? 0 : -1;
 }

@@ -26,8 +26,8 @@
 // whose section part held "/" (from a header such as "[a/b=c]") is written
 // under a header cut at a later "/", so that its key line cannot turn into
 // a comment or a different key. A path that no header and key line can
-// express (only SetValue with a key such as "a=b" or "#x" makes one) is left
-// out of the file.
+// express (only SetValue with a key such as "a=b" or "#x" makes one) is
+// still written verbatim, as "[" + section + "]" and key + "=" + value.
 #ifndef LUMETRY_UTILITY_SETTINGSFILE_H_
 #define LUMETRY_UTILITY_SETTINGSFILE_H_
 
@@ -58,8 +58,8 @@ class SettingsFile {
   // Writes the canonical form to `path`: a temporary file beside it, flushed
   // to disk, then renamed over it, so a reader never sees half a file and a
   // failure leaves the old file as it was. A new file gets mode 0644, an
-  // existing one keeps its mode. A symbolic link at `path` is replaced by the
-  // file, never written through. When the directory refuses the temporary
+  // existing one keeps its mode. A symbolic link at `path` stays: the file
+  // it names is replaced, in that file's own directory. When the directory refuses the temporary
   // file but the existing file may be written, the file is rewritten in
   // place. Temporary files that killed writers left (older than a minute)
   // are removed. 0, or -1 when the file cannot be written (including an
