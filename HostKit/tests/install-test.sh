@@ -49,7 +49,10 @@ cp "$work/consumer.c" "$work/consumer.cpp"
 # C through pkg-config, linked against the shared library.
 cc -std=c17 -Wall -Wextra -Werror -o "$work/consumer-shared" "$work/consumer.c" \
   $(pkg-config --cflags --libs lumetry-host)
-ldd "$work/consumer-shared" | grep -q 'liblumetry-host.so' || fail "not linked to the shared library"
+# Captured first: under pipefail, "ldd | grep -q" fails when grep stops
+# reading at its match and ldd dies of SIGPIPE.
+linked="$(ldd "$work/consumer-shared")"
+[[ "$linked" == *liblumetry-host.so* ]] || fail "not linked to the shared library"
 [ "$(LD_LIBRARY_PATH="$libdir" "$work/consumer-shared")" = "consumer ok" ] || fail "shared consumer"
 
 # C through pkg-config, linked statically.
