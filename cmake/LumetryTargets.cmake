@@ -26,7 +26,7 @@ function(lumetry_test name)
   target_compile_definitions(${name} PRIVATE
     CRASH_PROCESSOR_PATH="$<TARGET_FILE:crash-processor>"
     LUMETRY_TRACE=$<BOOL:${LUMETRY_TRACE}>
-    TOOLS_DIR="${CMAKE_BINARY_DIR}/tools")
+    TOOLS_DIR="${PROJECT_BINARY_DIR}/tools")
   if(ARG_PROGRAMS)
     get_property(tools GLOBAL PROPERTY LUMETRY_TOOL_TARGETS)
     add_dependencies(${name} crash-processor ${tools})

@@ -35,22 +35,22 @@ install(FILES "${LUMETRY_DEB_DIR}/VxLog.config.example" DESTINATION "${LUMETRY_C
 
 # Debian's documentation files: the machine-readable copyright and the
 # changelog, compressed with gzip -9n (no name, no time stamp).
-configure_file("${LUMETRY_DEB_DIR}/changelog.in" "${CMAKE_BINARY_DIR}/debian/changelog.Debian"
+configure_file("${LUMETRY_DEB_DIR}/changelog.in" "${PROJECT_BINARY_DIR}/debian/changelog.Debian"
                @ONLY)
 add_custom_command(
-  OUTPUT "${CMAKE_BINARY_DIR}/debian/changelog.Debian.gz"
-  COMMAND gzip -9nkf "${CMAKE_BINARY_DIR}/debian/changelog.Debian"
-  DEPENDS "${CMAKE_BINARY_DIR}/debian/changelog.Debian"
+  OUTPUT "${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz"
+  COMMAND gzip -9nkf "${PROJECT_BINARY_DIR}/debian/changelog.Debian"
+  DEPENDS "${PROJECT_BINARY_DIR}/debian/changelog.Debian"
   VERBATIM)
-add_custom_target(lumetry_deb_changelog ALL DEPENDS "${CMAKE_BINARY_DIR}/debian/changelog.Debian.gz")
-install(FILES "${LUMETRY_DEB_DIR}/copyright" "${CMAKE_BINARY_DIR}/debian/changelog.Debian.gz"
+add_custom_target(lumetry_deb_changelog ALL DEPENDS "${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz")
+install(FILES "${LUMETRY_DEB_DIR}/copyright" "${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz"
         DESTINATION "${LUMETRY_DOC_DIR}")
 # The one justified override: the crash processor's static Expat.
 install(FILES "${LUMETRY_DEB_DIR}/lintian-overrides"
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides" RENAME ${LUMETRY_DEB_PACKAGE})
-file(WRITE "${CMAKE_BINARY_DIR}/debian/conffiles"
+file(WRITE "${PROJECT_BINARY_DIR}/debian/conffiles"
      "${LUMETRY_CONFIG_DIR}/VxLog.config.example\n")
-set(LUMETRY_DEB_CONTROL "${CMAKE_BINARY_DIR}/debian/conffiles" "${LUMETRY_DEB_DIR}/postrm")
+set(LUMETRY_DEB_CONTROL "${PROJECT_BINARY_DIR}/debian/conffiles" "${LUMETRY_DEB_DIR}/postrm")
 
 # A shared library (the host kit's) is registered through the ldconfig
 # trigger; the do-nothing postinst keeps CPack from writing ldconfig calls
@@ -71,7 +71,7 @@ function(lumetry_find_shared_libraries dir out)
   endforeach()
   set(${out} "${found}" PARENT_SCOPE)
 endfunction()
-lumetry_find_shared_libraries("${CMAKE_SOURCE_DIR}" LUMETRY_SHARED_LIBRARIES)
+lumetry_find_shared_libraries("${PROJECT_SOURCE_DIR}" LUMETRY_SHARED_LIBRARIES)
 if(LUMETRY_SHARED_LIBRARIES)
   list(APPEND LUMETRY_DEB_CONTROL "${LUMETRY_DEB_DIR}/postinst" "${LUMETRY_DEB_DIR}/triggers")
 endif()
@@ -89,7 +89,7 @@ set(CPACK_PACKAGE_DESCRIPTION
     "operator tools: ulog-decode, logcourier-config, lumetry-sysinfo and\n"
     "lumetry-defaults.")
 string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
-set(CPACK_RESOURCE_FILE_LICENSE "${CMAKE_SOURCE_DIR}/LICENSE")
+set(CPACK_RESOURCE_FILE_LICENSE "${PROJECT_SOURCE_DIR}/LICENSE")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_NAME "${LUMETRY_DEB_PACKAGE}")
