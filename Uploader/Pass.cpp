@@ -16,6 +16,7 @@
 #include "Reporter.h"
 #include "RuntimePlaces.h"
 #include "ServerSettings.h"
+#include "SessionSweep.h"
 #include "SpoolScan.h"
 #include "Uploads.h"
 
@@ -35,7 +36,8 @@ std::string PassSummary::Describe() const {
   out << "sent " << sent << ", refused " << refused << ", given up " << gaveUp
       << ", failed attempts " << failed << ", deleted for space " << budgetDeleted
       << ", still being written " << busy << ", paused " << paused << ", waiting " << waiting
-      << ", left in the spool " << kept << ", requests " << requests;
+      << ", left in the spool " << kept << ", requests " << requests << ", orphaned sessions swept "
+      << swept;
   if (!quietReason.empty()) out << "; no requests: " << quietReason;
   if (!stopReason.empty() && stopReason != quietReason) out << "; stopped: " << stopReason;
   return out.str();
@@ -56,6 +58,12 @@ PassSummary RunPass(const PassSettings& settings, Reporter& report) {
   if (!lock.IsHeld()) {
     report.Say("another pass holds the lock; it will see the new files", kSource, __LINE__);
     return context.summary;
+  }
+  // First, and whatever the gates say: it only writes to the local spool.
+  std::string libraryDir;
+  if (FileUtil::GetUserLibraryDirectory(&libraryDir)) {
+    context.summary.swept =
+        static_cast<int>(SweepOrphanedSessions(libraryDir, settings.dryRun, report).swept);
   }
 
   context.configPath = Uploader::GetUploaderConfigPath();

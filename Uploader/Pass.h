@@ -31,6 +31,7 @@ struct PassSummary {
   std::string quietReason;  // why no request was made at all, or ""
   std::string stopReason;   // why the uploads ended early, or ""
   int requests = 0;         // requests made (all kinds)
+  int swept = 0;            // orphaned sessions turned into crash logs
   int sent = 0;             // accepted by the server, deleted
   int refused = 0;          // refused for good by the server, deleted
   int gaveUp = 0;           // deleted after the last allowed failed attempt

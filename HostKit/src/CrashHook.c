@@ -6,8 +6,10 @@
  *
  * Inside the handler only async-signal-safe calls are made (sigaction,
  * sigprocmask, execve, _exit, waitpid, kill, nanosleep, clock_gettime,
- * getpid, raise) on data prepared beforehand; nothing allocates. */
+ * getpid, raise, poll, close and the pidfd_open system call) on data prepared beforehand; nothing
+ * allocates. */
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -80,6 +82,26 @@ static void exec_crash_processor(char* const argv[], char* const envp[]) {
   _exit(127);
 }
 
+/* Sleeps until `child` ends or `deadline` passes: on a descriptor of the
+ * child itself, so the crashing process goes on the moment the crash
+ * processor exits; in short naps where the kernel has no such descriptor. */
+static void await_exit(pid_t child, long long deadline) {
+#ifdef SYS_pidfd_open
+  const int pidfd = (int)syscall(SYS_pidfd_open, child, 0u);
+  if (pidfd >= 0) {
+    struct pollfd entry = {.fd = pidfd, .events = POLLIN, .revents = 0};
+    long long left;
+    while ((left = deadline - monotonic_ms()) > 0 && poll(&entry, 1, (int)left) < 0 &&
+           errno == EINTR) {
+    }
+    close(pidfd);
+    return;
+  }
+#endif
+  (void)child;
+  if (monotonic_ms() < deadline) sleep_poll_step();
+}
+
 /* Waits for `child` up to the wait limit, then kills and reaps it. */
 static void wait_bounded(pid_t child) {
   const long long deadline = monotonic_ms() + (long long)atomic_load(&lh_state.wait_limit_ms);
@@ -90,7 +112,7 @@ static void wait_bounded(pid_t child) {
     /* ECHILD: reaped elsewhere (SIGCHLD ignored, or another thread's wait). */
     if (done < 0 && errno != EINTR) return;
     if (monotonic_ms() >= deadline) break;
-    sleep_poll_step();
+    await_exit(child, deadline);
   }
   kill(child, SIGKILL);
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {

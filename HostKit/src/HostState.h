@@ -26,6 +26,9 @@ struct lh_state {
   char process_name[LUMETRY_HOST_PIECE_MAX + 1];
   char pid_token[LH_TOKEN_MAX];
   char** environment; /* NULL-terminated copy taken by lumetry_host_begin */
+  /* Holds the session file's exclusive flock while the session is open (the
+   * kernel drops it however the process ends); -1 otherwise. */
+  int lock_fd;
 
   /* 1 once the signal handlers are in place; processor_path is absolute. */
   atomic_int installed;

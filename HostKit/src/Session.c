@@ -3,10 +3,12 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,7 +19,7 @@
 
 extern char** environ;
 
-struct lh_state lh_state = {.wait_limit_ms = LH_DEFAULT_WAIT_LIMIT_MS};
+struct lh_state lh_state = {.wait_limit_ms = LH_DEFAULT_WAIT_LIMIT_MS, .lock_fd = -1};
 
 static const char kSessionDir[] = "/Library/Logs/Quorvik/LumetryQX/SessionInfo";
 static const char kSpoolDir[] = "/Library/Logs/Quorvik/LogCourier2QX";
@@ -105,21 +107,41 @@ static char** copy_environment(void) {
   return copy;
 }
 
-/* Creates the session file `name` in `dir_path`, never through a link. */
+/* A forked child must not keep its parent's session alive: the lock would
+ * outlive the parent's death and hide it from the uploader's sweep. */
+static void release_session_lock(void) {
+  if (lh_state.lock_fd >= 0) close(lh_state.lock_fd);
+  lh_state.lock_fd = -1;
+}
+
+static void register_fork_handler(void) { (void)pthread_atfork(NULL, NULL, release_session_lock); }
+
+/* Creates the session file `name` in `dir_path`, never through a link, and
+ * answers a descriptor holding its exclusive lock (or -errno). The file is
+ * made and locked under a temporary name first and then linked to its real
+ * name, so no live session is ever visible unlocked. The temporary name
+ * starts with the pid token, so a later process with this pid removes it
+ * should this one die in between. */
 static int create_session_file(const char* dir_path, const char* name, const char* token) {
   const int dir_fd = open(dir_path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (dir_fd < 0) return -errno;
   remove_stale_entries(dir_fd, token);
+  char temporary[LH_TOKEN_MAX + 8];
+  (void)snprintf(temporary, sizeof temporary, "%s.new", token);
   /* O_EXCL with O_CREAT refuses any existing entry, a planted link included. */
-  const int fd = openat(dir_fd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  int fd = openat(dir_fd, temporary, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   int rc = fd < 0 ? -errno : 0;
   if (fd >= 0) {
-    if (fchmod(fd, 0600) != 0) rc = -errno;
-    close(fd);
-    if (rc != 0) unlinkat(dir_fd, name, 0);
+    if (fchmod(fd, 0600) != 0 || flock(fd, LOCK_EX) != 0 ||
+        linkat(dir_fd, temporary, dir_fd, name, 0) != 0) {
+      rc = -errno;
+      close(fd);
+      fd = -1;
+    }
+    unlinkat(dir_fd, temporary, 0);
   }
   close(dir_fd);
-  return rc;
+  return rc != 0 ? rc : fd;
 }
 
 int lumetry_host_begin(const lumetry_host_session* session) {
@@ -152,11 +174,14 @@ int lumetry_host_begin(const lumetry_host_session* session) {
   if ((rc = make_private_dirs(session_dir)) != 0) return rc;
   if ((rc = make_private_dirs(spool_dir)) != 0) return rc;
 
+  static pthread_once_t fork_handler_once = PTHREAD_ONCE_INIT;
+  (void)pthread_once(&fork_handler_once, register_fork_handler);
   char** environment = copy_environment();
   if (environment == NULL) return -ENOMEM;
-  if ((rc = create_session_file(session_dir, name, token)) != 0) {
+  const int lock_fd = create_session_file(session_dir, name, token);
+  if (lock_fd < 0) {
     free_environment(environment);
-    return rc;
+    return lock_fd;
   }
 
   /* Not armed here (or armed by the parent of a fork), so the hook does not
@@ -164,6 +189,8 @@ int lumetry_host_begin(const lumetry_host_session* session) {
   atomic_store(&lh_state.armed, 0);
   free_environment(lh_state.environment);
   lh_state.environment = environment;
+  release_session_lock(); /* a session inherited from the parent of a fork */
+  lh_state.lock_fd = lock_fd;
   lh_state.owner_pid = pid;
   memcpy(lh_state.session_path, session_path, (size_t)path_length + 1);
   (void)snprintf(lh_state.process_name, sizeof lh_state.process_name, "%s", session->process_name);
@@ -176,8 +203,10 @@ int lumetry_host_end(void) {
   /* A forked child inherits the parent's session: it is not its to end. */
   if (!atomic_load(&lh_state.armed) || lh_state.owner_pid != getpid()) return -ENOENT;
   atomic_store(&lh_state.armed, 0);
-  if (unlink(lh_state.session_path) != 0 && errno != ENOENT) return -errno;
-  return 0;
+  /* Unlinked before the lock goes, so the file is never seen unlocked. */
+  const int rc = unlink(lh_state.session_path) != 0 && errno != ENOENT ? -errno : 0;
+  release_session_lock();
+  return rc;
 }
 
 const char* lumetry_host_session_path(void) {

@@ -17,7 +17,7 @@
 #endif
 
 static const char kUsage[] =
-    "usage: lumetry-crashdemo --crash segv|abort|none [--crash-processor PATH]";
+    "usage: lumetry-crashdemo --crash segv|abort|none|hang [--crash-processor PATH]";
 
 static int usage_error(void) {
   (void)fprintf(stderr, "%s\nTry 'lumetry-crashdemo --help'.\n", kUsage);
@@ -63,8 +63,10 @@ static int demo_main(int argc, char* argv[]) {
         (void)printf(
             "%s\n"
             "Opens a host session (a session-information file), installs the crash\n"
-            "hook and then crashes by SIGSEGV (segv) or SIGABRT (abort), or ends the\n"
-            "session cleanly (none). The crash hook starts the crash processor, found\n"
+            "hook and then crashes by SIGSEGV (segv) or SIGABRT (abort), ends the\n"
+            "session cleanly (none), or waits until it is killed (hang), as a hung\n"
+            "application that a person force-quits. The crash hook starts the crash processor, "
+            "found\n"
             "beside this program unless --crash-processor names it.\n",
             kUsage);
         return 0;
@@ -76,7 +78,8 @@ static int demo_main(int argc, char* argv[]) {
     }
   }
   if (optind != argc || mode == NULL ||
-      (strcmp(mode, "segv") != 0 && strcmp(mode, "abort") != 0 && strcmp(mode, "none") != 0)) {
+      (strcmp(mode, "segv") != 0 && strcmp(mode, "abort") != 0 && strcmp(mode, "none") != 0 &&
+       strcmp(mode, "hang") != 0)) {
     return usage_error();
   }
 
@@ -112,6 +115,7 @@ static int demo_main(int argc, char* argv[]) {
 
   if (strcmp(mode, "segv") == 0) crash_by_segv();
   if (strcmp(mode, "abort") == 0) abort();
+  while (strcmp(mode, "hang") == 0) pause();
 
   rc = lumetry_host_end();
   if (rc != 0) {
