@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CrashRun.h"
+#include "FileUtil.h"
 #include "FileUtilPlatform.h"
 #include "RuntimePlaces.h"
 #include "SessionInfo.h"
@@ -27,6 +28,13 @@ SweepResult SweepOrphanedSessions(const std::string& libraryDir, bool dryRun, Re
   bool obfuscateRead = false;
   std::int32_t obfuscate = 1;
 
+  // The crash processor relies on the host to have made the spool; the
+  // sweep makes it, and keeps every file while it cannot.
+  if (!dryRun && FileUtil::IsDirectory(sessionDir) && !FileUtil::CreateDirectories(logDir)) {
+    report.Say("no spool directory for swept sessions; they stay for a later pass", kSource,
+               __LINE__);
+    return result;
+  }
   FileUtil::platform::ForEachName(sessionDir, [&](const char* entry) {
     const std::string name = entry;
     const SessionClaim claim = SessionClaim::Take(sessionDir + name);

@@ -230,7 +230,7 @@ TEST_F(HostKitCrashTest, CrashDemoCommandLine) {
       {{"--version"}, 0, "lumetry-crashdemo ", 0},
       {{"--help"}, 0, "usage: lumetry-crashdemo", 0},
       {{}, 2, "", 0},
-      {{"--crash", "hang"}, 2, "", 0},
+      {{"--crash", "freeze"}, 2, "", 0},
       {{"--crash", "none", "extra"}, 2, "", 0},
       {{"--crash", "none", "--crash-processor", "/nonexistent/crash-processor"}, 1, "", 0},
       {{"--crash", "none"}, 0, "session file: ", 0},

@@ -114,7 +114,8 @@ static void crash(int sig) {
         (void)raise(sig); /* no seccomp here */
       }
       break;
-    default:
+    default: /* SIGKILL: what a task manager or the OOM killer sends */
+      (void)raise(sig);
       break;
   }
 }
@@ -144,7 +145,7 @@ static int signal_number(const char* name) {
     const char* name;
     int number;
   } kNames[] = {{"segv", SIGSEGV}, {"bus", SIGBUS},   {"ill", SIGILL}, {"fpe", SIGFPE},
-                {"abrt", SIGABRT}, {"trap", SIGTRAP}, {"sys", SIGSYS}};
+                {"abrt", SIGABRT}, {"trap", SIGTRAP}, {"sys", SIGSYS}, {"kill", SIGKILL}};
   for (size_t i = 0; i < sizeof kNames / sizeof kNames[0]; ++i) {
     if (strcmp(kNames[i].name, name) == 0) return kNames[i].number;
   }
@@ -165,6 +166,7 @@ int main(int argc, char* argv[]) {
                                            {"malloc-thread", no_argument, NULL, 'M'},
                                            {"wait-stdin", no_argument, NULL, 'S'},
                                            {"core", no_argument, NULL, 'C'},
+                                           {"leave-child", no_argument, NULL, 'L'},
                                            {NULL, 0, NULL, 0}};
   const char* processor = NULL;
   int sig = 0;
@@ -172,7 +174,7 @@ int main(int argc, char* argv[]) {
   (void)snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
   const char* product = "crash-host";
   int use_kit = 1, end_first = 0, in_child = 0, in_malloc = 0, malloc_thread = 0, wait_stdin = 0,
-      core = 0;
+      core = 0, leave_child = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
     switch (opt) {
@@ -215,6 +217,9 @@ int main(int argc, char* argv[]) {
       case 'C':
         core = 1;
         break;
+      case 'L':
+        leave_child = 1;
+        break;
       default:
         return 2;
     }
@@ -247,6 +252,21 @@ int main(int argc, char* argv[]) {
     if (end_first && lumetry_host_end() != 0) return 4;
   } else {
     printf("%ld\n\n", (long)getpid());
+  }
+  if (leave_child) {
+    /* A child that outlives its parent's death (it prints its pid last);
+     * the parent goes on once the child runs, past the kit's fork handler. */
+    int ready[2];
+    if (pipe(ready) != 0) return 12;
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(30);
+      if (write(ready[1], "r", 1) != 1) _exit(1);
+      for (;;) pause();
+    }
+    char byte;
+    if (child < 0 || read(ready[0], &byte, 1) != 1) return 13;
+    printf("%ld\n", (long)child);
   }
   (void)fflush(stdout);
 

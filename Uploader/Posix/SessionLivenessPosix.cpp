@@ -66,6 +66,13 @@ SessionClaim SessionClaim::Take(const std::string& path) {
       ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
     return SessionClaim(ScopedFd());
   }
+  // Another sweep may have consumed the file between our open and our lock:
+  // the claim holds only while the name still leads to this very file.
+  struct stat named;
+  if (::fstat(fd.get(), &st) != 0 || st.st_nlink == 0 || ::lstat(path.c_str(), &named) != 0 ||
+      named.st_dev != st.st_dev || named.st_ino != st.st_ino) {
+    return SessionClaim(ScopedFd());
+  }
   return SessionClaim(std::move(fd));
 }
 
