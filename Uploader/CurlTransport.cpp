@@ -1,10 +1,16 @@
-// The transport over libcurl. Each request gets a fresh easy handle with the
-// same safety settings: peer and host verification on, only http and https,
-// no redirects, the pass's connect and total time limits, and an answer body
+// The transport over libcurl. One easy handle serves the whole pass, so its
+// requests share one connection (and one TLS session) while the server keeps
+// it open: HTTP/2 when the server offers it through ALPN, HTTP/1.1 keep-alive
+// otherwise. libcurl replaces a connection the server closed while it was
+// idle, and repeats a request whose reused connection died before any answer
+// on a fresh one, so neither counts as a failed attempt. Each request is
+// set up anew (curl_easy_reset keeps the connection) with the same safety
+// settings: peer and host verification on, only http and https, no
+// redirects, the pass's connect and total time limits, and an answer body
 // cut off at the caller's cap (the transfer is stopped there rather than
-// downloading the rest). Whether a failed request "went out" is read from the
-// bytes libcurl reports as sent: nothing sent means the server was never
-// reached, which the pass treats differently from a broken exchange.
+// downloading the rest). An upload is streamed from its file. Whether a failed request "went out"
+// is read from the bytes libcurl reports as sent: nothing sent means the server was never reached,
+// which the pass treats differently from a broken exchange.
 #include "CurlTransport.h"
 
 #include <algorithm>
@@ -77,17 +83,35 @@ class CurlTransport : public Transport {
     return Perform(url, maxBody, nullptr);
   }
 
-  HttpAnswer PostFile(const std::string& url, const std::string& fileName, const std::string& bytes,
+  HttpAnswer PostFile(const std::string& url, const std::string& fileName, const UploadBody& body,
                       std::size_t maxBody) override {
-    FileForm form{fileName, &bytes};
+    FileForm form{fileName, &body, 0};
     return Perform(url, maxBody, &form);
   }
 
  private:
   struct FileForm {
     const std::string& name;
-    const std::string* bytes;
+    const UploadBody* body;
+    std::uint64_t offset;  // where libcurl reads next
   };
+
+  static std::size_t ReadPart(char* into, std::size_t size, std::size_t count, void* arg) {
+    auto* form = static_cast<FileForm*>(arg);
+    const long got = form->body->ReadAt(form->offset, into, size * count);
+    if (got < 0) return CURL_READFUNC_ABORT;
+    form->offset += static_cast<std::uint64_t>(got);
+    return static_cast<std::size_t>(got);
+  }
+
+  // libcurl rewinds the part when it sends the request again on a fresh
+  // connection.
+  static int SeekPart(void* arg, curl_off_t offset, int origin) {
+    auto* form = static_cast<FileForm*>(arg);
+    if (origin != SEEK_SET || offset < 0) return CURL_SEEKFUNC_CANTSEEK;
+    form->offset = static_cast<std::uint64_t>(offset);
+    return CURL_SEEKFUNC_OK;
+  }
 
   static HttpAnswer Failed(const std::string& why) {
     HttpAnswer answer;
@@ -95,11 +119,12 @@ class CurlTransport : public Transport {
     return answer;
   }
 
-  HttpAnswer Perform(const std::string& url, std::size_t maxBody, const FileForm* form) {
+  HttpAnswer Perform(const std::string& url, std::size_t maxBody, FileForm* form) {
     if (!GlobalInit()) return Failed("libcurl could not be initialised");
-    CurlEasy easy(curl_easy_init());
-    if (!easy) return Failed("libcurl could not make a handle");
-    CURL* h = easy.get();
+    if (!easy_) easy_.reset(curl_easy_init());
+    if (!easy_) return Failed("libcurl could not make a handle");
+    CURL* h = easy_.get();
+    curl_easy_reset(h);
 
     Exchange exchange;
     exchange.cap = maxBody;
@@ -117,6 +142,8 @@ class CurlTransport : public Transport {
     bool ok = curl_easy_setopt(h, CURLOPT_URL, url.c_str()) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L) == CURLE_OK;
+    ok = ok && curl_easy_setopt(h, CURLOPT_HTTP_VERSION,
+                                static_cast<long>(CURL_HTTP_VERSION_2TLS)) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L) == CURLE_OK;
     ok = ok && curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
@@ -143,7 +170,8 @@ class CurlTransport : public Transport {
       ok = part != nullptr && curl_mime_name(part, "file") == CURLE_OK &&
            curl_mime_filename(part, form->name.c_str()) == CURLE_OK &&
            curl_mime_type(part, "application/octet-stream") == CURLE_OK &&
-           curl_mime_data(part, form->bytes->data(), form->bytes->size()) == CURLE_OK &&
+           curl_mime_data_cb(part, static_cast<curl_off_t>(form->body->Size()), ReadPart, SeekPart,
+                             nullptr, form) == CURLE_OK &&
            curl_easy_setopt(h, CURLOPT_MIMEPOST, mime.get()) == CURLE_OK;
     }
     if (!ok) return Failed("libcurl refused a setting");
@@ -168,6 +196,7 @@ class CurlTransport : public Transport {
   }
 
   TransportSettings settings_;
+  CurlEasy easy_;  // kept for the pass: it holds the open connection
 };
 
 }  // namespace

@@ -25,7 +25,7 @@ void PassContext::CloseNetwork(const std::string& why) {
 }
 
 bool PassContext::Request(const std::string& url, std::size_t maxBody, HttpAnswer* answer,
-                          const std::string* fileName, const std::string* bytes) {
+                          const std::string* fileName, const UploadBody* body) {
   if (!networkOpen) return false;
   if (!IsStrictServerUrl(url)) {
     CloseNetwork("the server address " + url + " is not allowed");
@@ -33,8 +33,8 @@ bool PassContext::Request(const std::string& url, std::size_t maxBody, HttpAnswe
   }
   if (!transport) transport = settings.makeTransport();
   ++summary.requests;
-  *answer = fileName != nullptr && bytes != nullptr
-                ? transport->PostFile(url, *fileName, *bytes, maxBody)
+  *answer = fileName != nullptr && body != nullptr
+                ? transport->PostFile(url, *fileName, *body, maxBody)
                 : transport->Get(url, maxBody);
   return true;
 }

@@ -38,11 +38,11 @@ struct PassContext {
   // Ends every further request of the pass, saying why (once).
   void CloseNetwork(const std::string& why);
 
-  // GET or POST (with `fileName` and `bytes`) on `url`; false, with nothing
+  // GET or POST (with `fileName` and `body`) on `url`; false, with nothing
   // sent, when the network is closed or the address fails the strict check
   // (which also closes the network).
   bool Request(const std::string& url, std::size_t maxBody, HttpAnswer* answer,
-               const std::string* fileName = nullptr, const std::string* bytes = nullptr);
+               const std::string* fileName = nullptr, const UploadBody* body = nullptr);
 };
 
 }  // namespace Courier

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Posix/ScopedFd.h"
+#include "Transport.h"
 
 namespace Courier {
 
@@ -35,13 +36,13 @@ std::vector<SpoolEntry> ScanSpool(const std::string& dir);
 // An exclusive, non-blocking lock on one usage log, held while the file is
 // sent or deleted. A crash processor holds the same kind of lock while it
 // writes, so a file whose lock cannot be had is still being written.
-class SpoolFileLock {
+class SpoolFileLock : public UploadBody {
  public:
   SpoolFileLock(const SpoolFileLock&) = delete;
   SpoolFileLock& operator=(const SpoolFileLock&) = delete;
   SpoolFileLock(SpoolFileLock&&) noexcept = default;
   SpoolFileLock& operator=(SpoolFileLock&&) noexcept = default;
-  ~SpoolFileLock() = default;
+  ~SpoolFileLock() override = default;
 
   // Not held when the file is locked by another open file, is gone, is no
   // longer the file that was scanned, or is not a regular file.
@@ -49,9 +50,10 @@ class SpoolFileLock {
 
   bool IsHeld() const { return fd_.is_valid(); }
 
-  // The file's bytes as stored. False when it holds more than `maxBytes`
-  // bytes or cannot be read; `bytes` is then untouched.
-  bool ReadAll(std::size_t maxBytes, std::string* bytes) const;
+  // The file's bytes as stored, read while the lock is held (the upload
+  // streams them from here). Size() is 0 when the file cannot be examined.
+  std::uint64_t Size() const override;
+  long ReadAt(std::uint64_t offset, char* into, std::size_t n) const override;
 
   // Deletes the file while the lock is held. False when nothing was deleted.
   bool Remove();

@@ -6,6 +6,7 @@
 #define LUMETRY_UPLOADER_TRANSPORT_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace Courier {
@@ -26,6 +27,23 @@ struct HttpAnswer {
   std::string error;          // a short reason when not answered, for the log
 };
 
+// The bytes of one upload, read on demand, so that a file is streamed from
+// disk into the request and never held whole (and can be read again when a
+// request must be repeated on a fresh connection).
+class UploadBody {
+ public:
+  UploadBody() = default;
+  UploadBody(const UploadBody&) = delete;
+  UploadBody& operator=(const UploadBody&) = delete;
+  virtual ~UploadBody() = default;
+  virtual std::uint64_t Size() const = 0;
+  // Up to `n` bytes from `offset` into `into`: the count read, 0 at the end,
+  // -1 on a read error.
+  virtual long ReadAt(std::uint64_t offset, char* into, std::size_t n) const = 0;
+};
+
+// One transport serves a whole pass: its requests share one connection while
+// the server keeps it open.
 class Transport {
  public:
   Transport() = default;
@@ -37,9 +55,9 @@ class Transport {
   virtual HttpAnswer Get(const std::string& url, std::size_t maxBody) = 0;
 
   // POST `url` as multipart/form-data with one part named "file", file name
-  // `fileName`, type application/octet-stream, content `bytes`.
+  // `fileName`, type application/octet-stream, content `body`.
   virtual HttpAnswer PostFile(const std::string& url, const std::string& fileName,
-                              const std::string& bytes, std::size_t maxBody) = 0;
+                              const UploadBody& body, std::size_t maxBody) = 0;
 };
 
 }  // namespace Courier

@@ -116,20 +116,19 @@ void UploadRun::Send(const SpoolEntry& entry) {
     Say(entry.name + ": retry interval not over yet, kept", __LINE__);
     return;
   }
-  std::string bytes;
-  const std::size_t cap = static_cast<std::size_t>(context_.config.maxDiskSpace) * 1024 * 1024;
-  if (!lock.ReadAll(cap, &bytes)) {
-    Say(entry.name + " cannot be read (or is larger than the spool budget), left alone", __LINE__);
+  const std::uint64_t size = lock.Size();
+  const std::uint64_t cap = static_cast<std::uint64_t>(context_.config.maxDiskSpace) * 1024 * 1024;
+  if (size > cap) {
+    Say(entry.name + " is larger than the spool budget, left alone", __LINE__);
     return;
   }
   if (context_.settings.dryRun) {
-    Say("dry run: would send " + entry.name + " (" + std::to_string(bytes.size()) + " bytes)",
-        __LINE__);
+    Say("dry run: would send " + entry.name + " (" + std::to_string(size) + " bytes)", __LINE__);
     return;
   }
   HttpAnswer answer;
   if (!context_.Request(context_.config.uploadUrl, kMaxUploadAnswerBytes, &answer, &entry.name,
-                        &bytes)) {
+                        &lock)) {
     return;
   }
   if (answer.delivery == Delivery::kUnreachable) {

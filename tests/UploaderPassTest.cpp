@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,7 +45,9 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
     const auto& [answer, deleted] = cases[i];
     const std::string name = "ulog_LumetryQX_AppCrash_K_" + std::to_string(i) + "_0.rdy";
     AddLog(name, "payload " + std::to_string(i));
-    Script(Answers(kUpload, answer));
+    // The upload goes out on a fresh connection: on a reused one, a connection
+    // dropped with no answer is tried once more on a new connection.
+    Script(Answers(kUpload, answer) + "," + Answers(kPolicy, R"({"status": 204, "close": true})"));
     const auto before = server_.Requests().size();
     Run(0, false, "", 2500);
     EXPECT_EQ(!deleted, InSpool(name)) << answer;
@@ -167,6 +170,51 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
                                       "ulog_A_B_4_0.rdy"}),
             ts::ListNames(spool_));
   EXPECT_TRUE(server_.Requests().empty());
+}
+
+}  // namespace
+
+namespace {
+
+using namespace courier_test;
+
+// The connections that carried the requests from `first` on.
+std::set<std::string> Connections(const std::vector<ts::RecordedRequest>& requests,
+                                  std::size_t first) {
+  std::set<std::string> seen;
+  for (std::size_t i = first; i < requests.size(); ++i) {
+    seen.insert(requests[i].headers.at("x-test-connection"));
+  }
+  return seen;
+}
+
+// A pass's requests share one connection; a server that closes it after
+// each answer still receives every file with no attempt counted; a file of
+// 20 MiB is streamed and arrives byte for byte.
+TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
+  const std::string close = R"({"status": 204, "close": true})";
+  for (const bool closing : {false, true}) {
+    SCOPED_TRACE(closing ? "server closes after each answer" : "kept open");
+    for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy", "log");
+    Script(closing ? Answers(kConfig, close) + "," + Answers(kPolicy, close) + "," +
+                         Answers(kUpload, R"({"status": 200, "close": true})")
+                   : "");
+    const std::size_t before = server_.Requests().size();
+    EXPECT_EQ(4, Run().sent);
+    const auto requests = server_.Requests();
+    EXPECT_EQ(before + 6, requests.size());
+    EXPECT_EQ(closing ? 6u : 1u, Connections(requests, before).size());
+    EXPECT_EQ(0u, Failures("ulog_A_B_0_0.rdy"));
+  }
+  std::string big(20 << 20, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 % 251);
+  AddLog("ulog_A_B_big_0.rdy", big);
+  SetConfig("[settings]\nmaxdiskspace=100\n");  // room for it in the spool's budget
+  Script("");
+  EXPECT_EQ(1, Run().sent);
+  const std::string body = server_.Requests().back().body;
+  EXPECT_NE(std::string::npos, body.find(big));
+  EXPECT_GT(big.size() + 400, body.size());
 }
 
 }  // namespace

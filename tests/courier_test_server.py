@@ -5,13 +5,15 @@ Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS
 
 Writes the chosen port to DIR/port. Each request is recorded as
 DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header,
-names lower-cased)
-and DIR/requests/NNNN.body (the raw body). Answers follow DIR/script.json,
+names lower-cased, and "x-test-connection: N", the number of the TLS
+connection that carried it) and DIR/requests/NNNN.body (the raw body).
+Connections are kept open between requests (HTTP/1.1 keep-alive). Answers follow DIR/script.json,
 read afresh for every request: {"<path>": [answer, ...]} where the answers of
 a path are used in turn and the last one repeats. An answer is an object with
 "status" (default 200), "body" (text), "body_size" (that many "x" bytes),
 "headers" (object), "delay" (seconds before answering) and "action": "close"
-(drop the connection without an answer) or "garbage" (a line that is not HTTP).
+(drop the connection without an answer) or "garbage" (a line that is not HTTP),
+and "close": true (answer, then close the connection).
 Unscripted paths answer 204 to GET and 200 to POST. The server stops by itself
 after the lifetime.
 """
@@ -34,6 +36,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
+    def setup(self):
+        super().setup()
+        with self.server.state["lock"]:
+            self.server.state["connections"] += 1
+            self.number = self.server.state["connections"]
+
     def _record(self, body):
         state = self.server.state
         with state["lock"]:
@@ -46,6 +54,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         head = "%s %s\n" % (self.command, self.path)
         for name, value in self.headers.items():
             head += "%s: %s\n" % (name.lower(), value)
+        head += "x-test-connection: %d\n" % self.number
         with open(base + ".head.tmp", "w", encoding="utf-8", errors="surrogateescape") as f:
             f.write(head)
         os.rename(base + ".head.tmp", base + ".head")
@@ -91,7 +100,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         for name, value in answer.get("headers", {}).items():
             self.send_header(name, value)
         self.send_header("Content-Length", str(size if size is not None else len(data)))
-        self.send_header("Connection", "close")
+        self.close_connection = bool(answer.get("close"))
+        if self.close_connection:
+            self.send_header("Connection", "close")
         self.end_headers()
         try:
             if size is not None:
@@ -103,8 +114,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             else:
                 self.wfile.write(data)
         except OSError:
-            pass  # the client stopped reading, as a capped client does
-        self.close_connection = True
+            self.close_connection = True  # the client stopped reading, as a capped client does
 
     do_GET = _handle
     do_POST = _handle
@@ -146,7 +156,7 @@ def main():
     os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(args.cert, args.key)
-    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}}
+    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0}
     server = Server(("127.0.0.1", 0), context, state)
     port_file = os.path.join(args.dir, "port")
     with open(port_file + ".tmp", "w") as f:

@@ -75,10 +75,19 @@ SpoolFileLock SpoolFileLock::TryLock(const SpoolEntry& entry) {
   return SpoolFileLock(std::move(fd), entry.path);
 }
 
-bool SpoolFileLock::ReadAll(std::size_t maxBytes, std::string* bytes) const {
-  if (!IsHeld() || bytes == nullptr || ::lseek(fd_.get(), 0, SEEK_SET) != 0) return false;
-  int error = 0;
-  return posix_io::ReadAll(fd_.get(), maxBytes, bytes, &error) == FileIO::ReadStatus::kOk;
+std::uint64_t SpoolFileLock::Size() const {
+  struct stat st;
+  if (!IsHeld() || ::fstat(fd_.get(), &st) != 0) return 0;
+  return static_cast<std::uint64_t>(st.st_size);
+}
+
+long SpoolFileLock::ReadAt(std::uint64_t offset, char* into, std::size_t n) const {
+  if (!IsHeld()) return -1;
+  for (;;) {
+    const ssize_t got = ::pread(fd_.get(), into, n, static_cast<off_t>(offset));
+    if (got >= 0) return static_cast<long>(got);
+    if (errno != EINTR) return -1;
+  }
 }
 
 bool SpoolFileLock::Remove() {
