@@ -1,6 +1,7 @@
 // LogCourier2's entry logic; see CourierTool.h.
 #include "CourierTool.h"
 
+#include <ctime>
 #include <iostream>
 #include <string>
 
@@ -9,6 +10,7 @@
 #include "Pass.h"
 #include "PrivacyPrefs.h"
 #include "Reporter.h"
+#include "StatusView.h"
 
 #ifndef LUMETRY_VERSION
 #define LUMETRY_VERSION "0"
@@ -31,6 +33,21 @@ int ToolMain(int argc, char* argv[]) {
       return 2;
     case ParseOutcome::kRun:
       break;
+  }
+
+  if (options.status) {
+    const StatusReport status = CollectStatus(static_cast<std::int64_t>(std::time(nullptr)));
+    if (options.json) {
+      PrintStatusJson(status, std::cout);
+    } else {
+      PrintStatusText(status, std::cout);
+    }
+    std::cout.flush();
+    if (!std::cout) {
+      std::cerr << "LogCourier2: cannot write the status\n";
+      return 1;
+    }
+    return 0;
   }
 
   Reporter report(options.verbose, &std::cerr);

@@ -9,6 +9,7 @@ namespace Courier {
 void PrintUsage(std::ostream& out) {
   out << "Usage: LogCourier2 [--verbose] [--dry-run] [--connect-to H:P:H2:P2] [--cacert FILE]\n"
          "                   [--help] [--version] [reason]\n"
+         "       LogCourier2 --status [--json]\n"
          "\n"
          "Makes one pass over the usage-log spool (~/Library/Logs/Quorvik/LogCourier2QX):\n"
          "fetches the uploader configuration and the policy file, keeps the spool within\n"
@@ -23,6 +24,8 @@ void PrintUsage(std::ostream& out) {
          "      --connect-to H:P:H2:P2  connect to H2:P2 for requests meant for H:P\n"
          "                            (the name H is kept for TLS and the Host header)\n"
          "      --cacert FILE         trust the certificates in FILE instead of the system's\n"
+         "      --status              show why logs were or were not sent (no network, no\n"
+         "                            change, safe while a pass runs); with --json as JSON\n"
          "  -h, --help                show this help and exit\n"
          "  -V, --version             show the version and exit\n"
          "\n"
@@ -31,12 +34,14 @@ void PrintUsage(std::ostream& out) {
 }
 
 ParseOutcome ParseOptions(int argc, char* argv[], Options* options, std::string* error) {
-  enum { kConnectTo = 256, kCaCert };
+  enum { kConnectTo = 256, kCaCert, kStatus, kJson };
   static const option kLong[] = {
       {"verbose", no_argument, nullptr, 'v'},
       {"dry-run", no_argument, nullptr, 'n'},
       {"connect-to", required_argument, nullptr, kConnectTo},
       {"cacert", required_argument, nullptr, kCaCert},
+      {"status", no_argument, nullptr, kStatus},
+      {"json", no_argument, nullptr, kJson},
       {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0},
@@ -61,6 +66,12 @@ ParseOutcome ParseOptions(int argc, char* argv[], Options* options, std::string*
       case kCaCert:
         parsed.caFile = optarg;
         break;
+      case kStatus:
+        parsed.status = true;
+        break;
+      case kJson:
+        parsed.json = true;
+        break;
       case 'h':
         return ParseOutcome::kHelp;
       case 'V':
@@ -84,6 +95,14 @@ ParseOutcome ParseOptions(int argc, char* argv[], Options* options, std::string*
     return ParseOutcome::kUsageError;
   }
   if (optind < argc) parsed.reason = argv[optind];
+  if (parsed.json && !parsed.status) {
+    *error = "LogCourier2: --json goes with --status";
+    return ParseOutcome::kUsageError;
+  }
+  if (parsed.status && (parsed.dryRun || !parsed.reason.empty())) {
+    *error = "LogCourier2: --status makes no pass: it takes only --json";
+    return ParseOutcome::kUsageError;
+  }
   *options = parsed;
   return ParseOutcome::kRun;
 }

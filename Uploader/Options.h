@@ -1,6 +1,7 @@
 // The uploader's command line:
 //   LogCourier2 [--verbose] [--dry-run] [--connect-to H:P:H2:P2]
 //               [--cacert FILE] [--help] [--version] [reason]
+//   LogCourier2 --status [--json]
 // The reason (free text, as the launcher passes it) is only logged.
 #ifndef LUMETRY_UPLOADER_OPTIONS_H_
 #define LUMETRY_UPLOADER_OPTIONS_H_
@@ -16,6 +17,8 @@ struct Options {
   std::string connectTo;  // curl's --connect-to HOST:PORT:HOST2:PORT2
   std::string caFile;     // trust these certificates instead of the system's
   std::string reason;     // why the pass was started, or ""
+  bool status = false;    // print the status view instead of making a pass
+  bool json = false;      // the status view as JSON
 };
 
 enum class ParseOutcome { kRun, kHelp, kVersion, kUsageError };

@@ -18,6 +18,7 @@
 #include "ServerSettings.h"
 #include "SessionSweep.h"
 #include "SpoolScan.h"
+#include "StatusView.h"
 #include "Uploads.h"
 
 namespace Courier {
@@ -108,6 +109,8 @@ PassSummary RunPass(const PassSettings& settings, Reporter& report) {
   context.summary.kept = static_cast<int>(ScanSpool(spool).size());
   context.summary.ran = true;
   report.Say("pass done: " + context.summary.Describe(), kSource, __LINE__);
+  if (!settings.dryRun)
+    RecordLastPass(context.configPath, Now(settings), context.summary.Describe());
   return context.summary;
 }
 

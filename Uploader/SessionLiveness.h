@@ -52,6 +52,11 @@ class SessionClaim {
   ScopedFd fd_;
 };
 
+// The facts of the session file at `path` without claiming it (for a view
+// that must not disturb a running pass); false when it cannot be examined.
+bool SessionFactsAt(const std::string& path, const std::string& name, std::int64_t bootTime,
+                    SessionFacts* facts);
+
 // The time of the current boot in seconds since the epoch; 0 when unknown.
 std::int64_t BootTime();
 

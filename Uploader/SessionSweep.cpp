@@ -8,6 +8,7 @@
 #include "CrashRun.h"
 #include "FileUtil.h"
 #include "FileUtilPlatform.h"
+#include "LockTable.h"
 #include "RuntimePlaces.h"
 #include "SessionInfo.h"
 #include "SessionLiveness.h"
@@ -59,6 +60,30 @@ SweepResult SweepOrphanedSessions(const std::string& libraryDir, bool dryRun, Re
     CrashProcessor::DeleteSessionFiles(sessionDir, names);
   });
   return result;
+}
+
+SessionCounts CountSessionFiles(const std::string& libraryDir) {
+  SessionCounts counts;
+  if (libraryDir.empty()) return counts;
+  const std::string sessionDir = libraryDir + Places::kSessionInfoSubdir;
+  const std::int64_t bootTime = BootTime();
+  const LockTable locks = LockTable::Read();
+  FileUtil::platform::ForEachName(sessionDir, [&](const char* entry) {
+    const std::string path = sessionDir + entry;
+    FileUtil::platform::ItemAttributes item;
+    if (!FileUtil::platform::GetItemAttributes(path, &item) ||
+        item.kind != FileUtil::platform::ItemKind::kRegular) {
+      return;  // the sweep only ever takes regular files
+    }
+    SessionFacts facts;
+    if (!locks.IsLocked(path) && SessionFactsAt(path, entry, bootTime, &facts) &&
+        IsOrphaned(facts)) {
+      ++counts.orphaned;
+    } else {
+      ++counts.live;
+    }
+  });
+  return counts;
 }
 
 }  // namespace Courier

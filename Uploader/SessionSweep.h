@@ -24,6 +24,15 @@ struct SweepResult {
 // Memory does not grow with the number of files.
 SweepResult SweepOrphanedSessions(const std::string& libraryDir, bool dryRun, Reporter& report);
 
+struct SessionCounts {
+  std::size_t live = 0;      // locked, or of a live process
+  std::size_t orphaned = 0;  // waiting for the next pass's sweep
+};
+
+// Counts `libraryDir`'s session files by the sweep's rule without touching
+// them (no lock is taken: the kernel's lock table tells which are held).
+SessionCounts CountSessionFiles(const std::string& libraryDir);
+
 }  // namespace Courier
 
 #endif  // LUMETRY_UPLOADER_SESSIONSWEEP_H_

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -176,6 +177,63 @@ TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
     EXPECT_EQ("", run.out) << message;
     EXPECT_EQ("LogCourier2: " + message + "\nTry 'LogCourier2 --help'.\n", run.err);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// --status over a spool prepared with every state it reports: each is named
+// in the text and carried by the JSON; nothing is changed, no request made.
+TEST_F(UploaderCliTest, StatusNamesWhyEachLogWaits) {
+  const std::string config = home_.Library() + "/Application Support/Quorvik/LogCourier2QX";
+  const std::string sessions = home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo/";
+  ASSERT_TRUE(ts::WriteFile(config + "/LogCourier2.cfg",
+                            "[settings]\nretryinterval=60\n[ulog]\nstatus=Hibernate\n"
+                            "wakeupdate=2099-01-01\n[hibernate]\nA_B=x|2099-02-03\n"));
+  const long now = static_cast<long>(::time(nullptr));
+  ASSERT_TRUE(ts::WriteFile(config + "/LogCourier2.attempts",
+                            "notbefore " + std::to_string(now + 3600) + "\n2 " +
+                                std::to_string(now) + " ulog_X_Y_failed_0.rdy\n"));
+  for (const char* name : {"ulog_X_Y_failed_0.rdy", "ulog_A_B_paused_0.rdy", "ulog_X_Y_busy_0.xml"})
+    ASSERT_TRUE(ts::WriteFile(spool_ + "/" + name, "12345"));
+  const int writer = ::open((spool_ + "/ulog_X_Y_busy_0.xml").c_str(), O_RDONLY);
+  ASSERT_EQ(0, ::flock(writer, LOCK_EX));  // as a crash processor holds it
+  ASSERT_TRUE(SetPreferenceNumber("send", "com.quorvik.lumetryqx", 0, PrefUser::kCurrentUser,
+                                  PrefHost::kCurrentHost));
+  ASSERT_TRUE(ts::WriteFile(sessions + "1_F_N_S_K_x_y_p.info", ""));  // pid 1 started first
+  ASSERT_TRUE(ts::WriteFile(sessions + "__999999999__F_N_S_K_x_y_p.info", ""));  // no such pid
+
+  const ts::RunResult text = ts::RunProgram({kProgram, "--status"});
+  const ts::RunResult json = ts::RunProgram({kProgram, "--status", "--json"});
+  ::close(writer);
+  EXPECT_EQ(0, text.status) << text.err;
+  for (const char* fact :
+       {"3 usage logs, 15 bytes", "ulog_X_Y_failed_0.rdy: 5 bytes, 2 failed attempts, next try ",
+        "ulog_A_B_paused_0.rdy: 5 bytes, item paused until 2099-02-03",
+        "ulog_X_Y_busy_0.xml: 5 bytes, locked", "Sending: no: sending is switched off",
+        "Status: Hibernate until 2099-01-01", "Retry-After: no upload before ",
+        "Server: https://lumetry.quorvik.com/lumetry", "1 live, 1 orphaned",
+        "Last pass: none recorded"}) {
+    EXPECT_NE(std::string::npos, text.out.find(fact)) << fact << "\n" << text.out;
+  }
+  const auto doc = nlohmann::json::parse(json.out);
+  EXPECT_EQ(3, doc["spool"]["files"]);
+  for (const auto& log : doc["spool"]["logs"]) {
+    EXPECT_EQ(log["name"] == "ulog_X_Y_failed_0.rdy" ? 2 : 0, log["failedAttempts"]) << log;
+    EXPECT_EQ(log["name"] == "ulog_X_Y_busy_0.xml", log["locked"]) << log;
+  }
+  EXPECT_EQ("Hibernate", doc["status"]);
+  EXPECT_EQ(now + 3600, doc["retryAfter"]);
+  EXPECT_EQ(1, doc["sessions"]["orphaned"]);
+  EXPECT_EQ(0u, server_.Requests().size());
+  EXPECT_EQ(3u, ts::ListNames(spool_).size());
+
+  // A pass records its time and summary for the view.
+  ASSERT_EQ(0, Run({}).status);
+  const auto after = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
+  EXPECT_NE(std::string::npos,
+            after["lastPass"]["summary"].get<std::string>().find("orphaned sessions swept 1"));
 }
 
 }  // namespace

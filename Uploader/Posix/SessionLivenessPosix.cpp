@@ -76,12 +76,12 @@ SessionClaim SessionClaim::Take(const std::string& path) {
   return SessionClaim(std::move(fd));
 }
 
-bool SessionClaim::Facts(const std::string& name, std::int64_t bootTime,
-                         SessionFacts* facts) const {
+namespace {
+
+bool FactsOf(int dirFd, const char* path, int flags, const std::string& name, std::int64_t bootTime,
+             SessionFacts* facts) {
   struct statx stx;
-  if (!IsHeld() || ::statx(fd_.get(), "", AT_EMPTY_PATH, STATX_BTIME | STATX_CTIME, &stx) != 0) {
-    return false;
-  }
+  if (::statx(dirFd, path, flags, STATX_BTIME | STATX_CTIME, &stx) != 0) return false;
   facts->fileMade = (stx.stx_mask & STATX_BTIME) != 0 ? stx.stx_btime.tv_sec : stx.stx_ctime.tv_sec;
   facts->bootTime = bootTime;
   const long pid = SessionPid(name);
@@ -89,6 +89,18 @@ bool SessionClaim::Facts(const std::string& name, std::int64_t bootTime,
   facts->processStart = 0;
   facts->processAlive = facts->hasPid && ProcessStart(pid, bootTime, &facts->processStart);
   return true;
+}
+
+}  // namespace
+
+bool SessionClaim::Facts(const std::string& name, std::int64_t bootTime,
+                         SessionFacts* facts) const {
+  return IsHeld() && FactsOf(fd_.get(), "", AT_EMPTY_PATH, name, bootTime, facts);
+}
+
+bool SessionFactsAt(const std::string& path, const std::string& name, std::int64_t bootTime,
+                    SessionFacts* facts) {
+  return FactsOf(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, name, bootTime, facts);
 }
 
 }  // namespace Courier

@@ -23,6 +23,8 @@ constexpr char kUploaderConfigSubdir[] = "/Quorvik/LogCourier2QX/";
 constexpr char kUploaderConfigName[] = "LogCourier2.cfg";
 // Beside the configuration: the uploader's attempt counts, kept across passes.
 constexpr char kAttemptLedgerName[] = "LogCourier2.attempts";
+// The time and summary of the last pass, beside the attempt ledger.
+constexpr char kLastPassName[] = "LogCourier2.lastpass";
 constexpr char kTarvixSubdir[] = "/Quorvik/Tarvix/TarvixQX";
 constexpr char kTarvixPolicyName[] = "tarvix_policy.xml";
 
