@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """HTTPS server for the uploader's tests, on 127.0.0.1 only.
 
-Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS]
+Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS] [--print]
 
 Writes the chosen port to DIR/port. Each request is recorded as
 DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header,
@@ -15,9 +15,13 @@ a path are used in turn and the last one repeats. An answer is an object with
 (drop the connection without an answer) or "garbage" (a line that is not HTTP),
 and "close": true (answer, then close the connection).
 Unscripted paths answer 204 to GET and 200 to POST. The server stops by itself
-after the lifetime.
+after the lifetime. With --print (the demo's stand-in for the telemetry server)
+it also prints each request, and each uploaded usage log decoded (a file that
+starts with the scramble marker has the rest run through ROT47).
 """
 import argparse
+import email.parser
+import email.policy
 import http.server
 import json
 import os
@@ -28,6 +32,27 @@ import threading
 import time
 
 MAX_BODY = 256 * 1024 * 1024
+MARKER = b"K-Q$mw#$zRTd8pofupin"
+
+
+def show(headers, command, path, body, status):
+    """The demo's account of one request, on standard output."""
+    say = lambda text: print("server: " + text, flush=True)
+    say("%s %s, %d bytes, from %s (machine %s)" % (command, path, len(body),
+        headers.get("User-Agent"), headers.get("X-Lumetry-Machine-ID")))
+    message = email.parser.BytesParser(policy=email.policy.HTTP).parsebytes(
+        b"Content-Type: " + headers.get("Content-Type", "").encode() + b"\r\n\r\n" + body)
+    for part in message.iter_parts() if message.is_multipart() else []:
+        data = part.get_payload(decode=True) or b""
+        scrambled = data.startswith(MARKER)
+        say("part %r, file %r, %d bytes%s, decoded:" % (
+            part.get_param("name", header="content-disposition"), part.get_filename(),
+            len(data), ", scrambled (marker found)" if scrambled else ""))
+        if scrambled:
+            data = bytes(33 + (b + 14) % 94 if 33 <= b <= 126 else b for b in data[len(MARKER):])
+        for line in data.decode("utf-8", "replace").splitlines():
+            print("    " + line, flush=True)
+    say("-> %d" % status)
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -94,6 +119,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.close_connection = True
             return
         status = int(answer.get("status", 200))
+        if self.server.state["print"]:
+            show(self.headers, self.command, self.path, body, status)
         size = answer.get("body_size")
         data = answer.get("body", "").encode("utf-8", "surrogateescape")
         self.send_response(status)
@@ -152,11 +179,13 @@ def main():
     parser.add_argument("--key", required=True)
     parser.add_argument("--dir", required=True)
     parser.add_argument("--lifetime", type=float, default=120)
+    parser.add_argument("--print", action="store_true")
     args = parser.parse_args()
     os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(args.cert, args.key)
-    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0}
+    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0,
+             "print": args.print}
     server = Server(("127.0.0.1", 0), context, state)
     port_file = os.path.join(args.dir, "port")
     with open(port_file + ".tmp", "w") as f:
