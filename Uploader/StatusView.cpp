@@ -22,7 +22,7 @@
 namespace Courier {
 namespace {
 
-constexpr std::size_t kLastPassCap = 64 * 1024;
+constexpr std::size_t kLastPassCap = std::size_t{64} * 1024;
 
 std::string Date(std::int64_t when) {
   if (when <= 0) return "";

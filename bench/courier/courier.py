@@ -41,7 +41,7 @@ def connections_since(server_dir, first):
     """(requests, distinct connections) recorded after request number `first`."""
     seen, count = set(), 0
     for head in sorted(glob.glob(f"{server_dir}/requests/*.head")):
-        if int(os.path.basename(head)[:4]) <= first:
+        if int(os.path.basename(head).split(".")[0]) <= first:
             continue
         count += 1
         with open(head, errors="replace") as f:
