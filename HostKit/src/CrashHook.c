@@ -6,8 +6,8 @@
  *
  * Inside the handler only async-signal-safe calls are made (sigaction,
  * sigprocmask, execve, _exit, waitpid, kill, nanosleep, clock_gettime,
- * getpid, raise, poll, close and the pidfd_open system call) on data prepared beforehand; nothing
- * allocates. */
+ * getpid, raise, poll, close and the pidfd_open system call) on data
+ * prepared beforehand; nothing allocates. */
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
