@@ -2,6 +2,7 @@
 // it; this file only puts them in order.
 #include "Pass.h"
 
+#include <algorithm>
 #include <ctime>
 #include <set>
 #include <sstream>
@@ -85,21 +86,24 @@ PassSummary RunPass(const PassSettings& settings, Reporter& report) {
     context.summary.quietReason = context.summary.stopReason;
   }
 
-  std::vector<SpoolEntry> entries = ScanSpool(spool);
-  const BudgetResult budget =
-      ApplyDiskBudget(entries, context.config.maxDiskSpace, settings.dryRun, report);
-  context.summary.budgetDeleted = static_cast<int>(budget.deleted.size());
-  const std::set<std::string> gone(budget.deleted.begin(), budget.deleted.end());
-  std::vector<SpoolEntry> remaining;
-  std::set<std::string> present;
-  for (SpoolEntry& entry : entries) {
-    if (gone.count(entry.name) != 0) continue;
-    present.insert(entry.name);
-    remaining.push_back(std::move(entry));
+  {
+    // One listing of the spool at a time: it is the pass's only memory that
+    // grows with the number of logs.
+    std::vector<SpoolEntry> entries = ScanSpool(spool);
+    const BudgetResult budget =
+        ApplyDiskBudget(entries, context.config.maxDiskSpace, settings.dryRun, report);
+    context.summary.budgetDeleted = static_cast<int>(budget.deleted.size());
+    const std::set<std::string> gone(budget.deleted.begin(), budget.deleted.end());
+    entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                 [&gone](const SpoolEntry& e) { return gone.count(e.name) != 0; }),
+                  entries.end());
+    std::set<std::string> recorded;  // the ledger's files still in the spool
+    for (const SpoolEntry& entry : entries) {
+      if (ledger.Find(entry.name) != nullptr) recorded.insert(entry.name);
+    }
+    ledger.KeepOnly(recorded);
+    UploadSpool(context, entries, ledger);
   }
-  ledger.KeepOnly(present);
-
-  UploadSpool(context, remaining, ledger);
   if (!settings.dryRun && !ledger.SaveIfChanged()) {
     report.Say("could not write the attempt ledger", kSource, __LINE__);
   }

@@ -39,6 +39,7 @@ std::vector<SpoolEntry> ScanSpool(const std::string& dir) {
   std::vector<std::string> names;
   FileUtil::ListDirectoryMatching(dir, {"ulog_"}, &names);
   std::vector<SpoolEntry> entries;
+  entries.reserve(names.size());
   for (const std::string& name : names) {
     if (!IsUsageLogName(name)) continue;
     SpoolEntry entry;
