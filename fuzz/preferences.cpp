@@ -3,6 +3,7 @@
 // valid UTF-8; after the write, every key of the domain as read before is
 // still there with the same kind (and the same text, for strings), the new
 // key reads back, and the file reads as the same dictionary plus that key.
+// The same bytes as the privacy XML file give a deterministic answer.
 #include "Preferences.h"
 
 #include <cstddef>
@@ -11,7 +12,9 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "PIIPrefParser.h"
 #include "PreferenceStore.h"
+#include "PrivacyPrefs.h"
 #include "StringUtil.h"
 
 namespace {
@@ -46,9 +49,18 @@ void ReadEverything() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz_support::PrivateHome();
+  const std::string text = fuzz_support::Bytes(data, size);
+  std::string value;
+  std::string again;
+  PIINoticeAccess(text).GetValue(&value);
+  PIINoticeAccess(text).GetValue(&again);
+  FUZZ_CHECK(value == again);
+  FUZZ_CHECK(fuzz_support::WriteBytes(GetPIIPrefsPath(), text));
+  FUZZ_CHECK(IsPIINoticeShown() == IsPIINoticeShown());
+
   const std::string path = PreferenceFilePath(kDomain, kUser, kHost);
   FUZZ_CHECK(!path.empty());
-  FUZZ_CHECK(fuzz_support::WriteBytes(path, fuzz_support::Bytes(data, size)));
+  FUZZ_CHECK(fuzz_support::WriteBytes(path, text));
 
   ReadEverything();
   const PrefValue before = PreferenceStore::ReadDomain(path);
