@@ -8,8 +8,8 @@
 #include "UploaderStatus.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const int state = Uploader::WakeDateState(fuzz_support::Bytes(data, size),
-                                            boost::gregorian::date(2020, 6, 15));
+  const int state =
+      Uploader::WakeDateState(fuzz_support::Bytes(data, size), boost::gregorian::date(2020, 6, 15));
   FUZZ_CHECK(state == Uploader::kNotPaused || state == Uploader::kPaused);
   return 0;
 }
