@@ -9,6 +9,7 @@
 #include <system_error>
 
 namespace fuzz_support {
+namespace fs = std::filesystem;
 
 void Fail(const char* file, int line, const char* condition) {
   std::fprintf(stderr, "invariant broken at %s:%d: %s\n", file, line, condition);
@@ -16,25 +17,22 @@ void Fail(const char* file, int line, const char* condition) {
 }
 
 const std::string& PrivateHome() {
+  static char pattern[] = "/tmp/lumetry-fuzz-XXXXXX";  // outlives the string, for atexit
   static const std::string home = [] {
-    char pattern[] = "/tmp/lumetry-fuzz-XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    if (made == nullptr) Fail(__FILE__, __LINE__, "mkdtemp");
-    std::string path = made;
-    ::setenv("HOME", path.c_str(), 1);
-    static const std::string removed_at_exit = path;
+    if (::mkdtemp(pattern) == nullptr) Fail(__FILE__, __LINE__, "mkdtemp");
+    ::setenv("HOME", pattern, 1);
     std::atexit([] {
       std::error_code ignored;
-      std::filesystem::remove_all(removed_at_exit, ignored);
+      fs::remove_all(pattern, ignored);
     });
-    return path;
+    return std::string(pattern);
   }();
   return home;
 }
 
 bool WriteBytes(const std::string& path, const std::string& bytes) {
   std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  fs::create_directories(fs::path(path).parent_path(), error);
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   out.close();
@@ -43,25 +41,20 @@ bool WriteBytes(const std::string& path, const std::string& bytes) {
 
 bool ReadBytes(const std::string& path, std::string* bytes) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
   bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return true;
+  return static_cast<bool>(in);
 }
 
 void EmptyDirectory(const std::string& dir) {
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
-    std::error_code ignored;
-    std::filesystem::remove_all(entry.path(), ignored);
-  }
+  for (const auto& entry : fs::directory_iterator(dir, error)) fs::remove_all(entry.path(), error);
 }
 
 std::vector<std::string> Names(const std::string& dir) {
   std::vector<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+  for (const auto& entry : fs::directory_iterator(dir, error))
     names.push_back(entry.path().filename().string());
-  }
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -1,8 +1,8 @@
-// Preference files written by other programs (XML or binary): every read of
-// the store, then one write. Invariants: every string the store hands out is
-// valid UTF-8; after the write, every key of the domain as read before is
-// still there with the same kind (and the same text, for strings), the new
-// key reads back, and the file reads as the same dictionary plus that key.
+// Preference files written by other programs (XML or binary), and the same
+// bytes as the privacy XML file. Every string the store hands out is valid
+// UTF-8; a write keeps every key of the domain with its kind and count and
+// reads back, and a refused write leaves the file as it was; the privacy
+// answer is deterministic.
 #include "Preferences.h"
 
 #include <cstddef>
@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "PIIPrefParser.h"
 #include "PreferenceStore.h"
+#include "PrivacyPrefs.h"
 #include "StringUtil.h"
 
 namespace {
@@ -20,24 +22,22 @@ const char kDomain[] = "com.quorvik.fuzz";
 constexpr PrefUser kUser = PrefUser::kCurrentUser;
 constexpr PrefHost kHost = PrefHost::kCurrentHost;
 
-void ReadEverything() {
+void ReadEverything(const PrefValue& domain) {
   std::vector<std::string> keys;
   FUZZ_CHECK(GetDictionaryKeys("any", kDomain, &keys, kUser, kHost));
-  for (const std::string& key :
-       PreferenceStore::ReadDomain(PreferenceFilePath(kDomain, kUser, kHost)).Keys()) {
-    FUZZ_CHECK(StringUtil::IsValidUTF8(key));
+  for (const std::string& key : domain.Keys()) {
     std::string text;
     std::int32_t number = 0;
+    FUZZ_CHECK(StringUtil::IsValidUTF8(key));
     if (GetPreferenceString(key, kDomain, &text, kUser, kHost))
       FUZZ_CHECK(StringUtil::IsValidUTF8(text));
     GetPreferenceNumber(key, kDomain, &number, kUser, kHost);
     std::vector<std::pair<std::string, std::string>> pairs;
-    if (GetPreferenceDictionaryPairs(key, kDomain, &pairs, kUser, kHost)) {
-      for (const auto& pair : pairs) {
-        FUZZ_CHECK(StringUtil::IsValidUTF8(pair.first) && StringUtil::IsValidUTF8(pair.second));
-        GetPreferenceDictionaryString(key, pair.first, kDomain, &text, kUser, kHost);
-        GetPreferenceDictionaryNumber(key, pair.first, kDomain, &number, kUser, kHost);
-      }
+    GetPreferenceDictionaryPairs(key, kDomain, &pairs, kUser, kHost);
+    for (const auto& pair : pairs) {
+      FUZZ_CHECK(StringUtil::IsValidUTF8(pair.first) && StringUtil::IsValidUTF8(pair.second));
+      GetPreferenceDictionaryString(key, pair.first, kDomain, &text, kUser, kHost);
+      GetPreferenceDictionaryNumber(key, pair.first, kDomain, &number, kUser, kHost);
     }
   }
 }
@@ -46,38 +46,33 @@ void ReadEverything() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz_support::PrivateHome();
-  const std::string path = PreferenceFilePath(kDomain, kUser, kHost);
-  FUZZ_CHECK(!path.empty());
-  FUZZ_CHECK(fuzz_support::WriteBytes(path, fuzz_support::Bytes(data, size)));
+  const std::string text = fuzz_support::Bytes(data, size);
+  std::string value;
+  std::string again;
+  PIINoticeAccess(text).GetValue(&value);
+  PIINoticeAccess(text).GetValue(&again);
+  FUZZ_CHECK(value == again);
+  FUZZ_CHECK(fuzz_support::WriteBytes(GetPIIPrefsPath(), text));
+  FUZZ_CHECK(IsPIINoticeShown() == IsPIINoticeShown());
 
-  ReadEverything();
+  const std::string path = PreferenceFilePath(kDomain, kUser, kHost);
+  FUZZ_CHECK(fuzz_support::WriteBytes(path, text));
   const PrefValue before = PreferenceStore::ReadDomain(path);
   FUZZ_CHECK(before.Kind() == kPrefDictionary);
-  std::string raw_before;
-  FUZZ_CHECK(fuzz_support::ReadBytes(path, &raw_before));
-
-  const std::string key = "fuzz-written";
-  const bool written = SetPreferenceNumber(key, kDomain, 7, kUser, kHost);
-  const PrefValue after = PreferenceStore::ReadDomain(path);
-  if (!written) {
-    // A refused write leaves the file exactly as it was.
-    std::string raw_after;
-    FUZZ_CHECK(fuzz_support::ReadBytes(path, &raw_after) && raw_after == raw_before);
+  ReadEverything(before);
+  std::int32_t number = 0;
+  if (!SetPreferenceNumber("fuzz-written", kDomain, 7, kUser, kHost)) {
+    std::string raw;
+    FUZZ_CHECK(fuzz_support::ReadBytes(path, &raw) && raw == text);
     return 0;
   }
-  std::int32_t number = 0;
-  FUZZ_CHECK(GetPreferenceNumber(key, kDomain, &number, kUser, kHost) && number == 7);
-  for (const std::string& old_key : before.Keys()) {
-    if (old_key == key) continue;
-    const PrefValue old_value = before.Item(old_key);
-    const PrefValue new_value = after.Item(old_key);
-    FUZZ_CHECK(new_value.Kind() == old_value.Kind());
-    std::string old_text;
-    std::string new_text;
-    if (old_value.GetString(&old_text))
-      FUZZ_CHECK(new_value.GetString(&new_text) && new_text == old_text);
-    FUZZ_CHECK(new_value.Count() == old_value.Count());
+  FUZZ_CHECK(GetPreferenceNumber("fuzz-written", kDomain, &number, kUser, kHost) && number == 7);
+  const PrefValue after = PreferenceStore::ReadDomain(path);
+  for (const std::string& key : before.Keys()) {
+    if (key == "fuzz-written") continue;
+    FUZZ_CHECK(after.Item(key).Kind() == before.Item(key).Kind());
+    FUZZ_CHECK(after.Item(key).Count() == before.Item(key).Count());
   }
-  ReadEverything();
+  ReadEverything(after);
   return 0;
 }
