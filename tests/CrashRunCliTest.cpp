@@ -177,6 +177,8 @@ TEST_P(CrashRunCases, Run) {
   EXPECT_EQ(ListNames(SessionDir()), c.left);
 }
 
+void PrintTo(const CliCase& c, std::ostream* os) { *os << c.label; }
+
 INSTANTIATE_TEST_SUITE_P(Table, CrashRunCases, ::testing::ValuesIn(kCliCases));
 
 TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
