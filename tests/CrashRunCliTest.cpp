@@ -101,6 +101,8 @@ const CliCase kCliCases[] = {
     {"empty pid", {"Prod", ""}, {kP}, kNoPref, true, 254, {}, {kP}},
     {"other pid", {"Prod", "999"}, {kP}, kNoPref, true, 254, {}, {kP}},
     {"scrambled by default", {"Prod", "1234", "ignored", "x"}, {kP}, kNoPref, true, 0, {kLog1}, {}},
+    {"no session directory", {"Prod", "1234"}, {}, kNoPref, true, 254, {}, {}},
+    {"product is case-sensitive", {"prod", "1234"}, {kP}, kNoPref, true, 254, {}, {kP}},
     {"missing log directory", {"Prod", "1234"}, {kP}, kNoPref, false, 0, {}, {}},
     {"obfuscate 0", {"Prod", "77"}, {kP9}, 0, true, 0, {kLog9}, {}},
     {"obfuscate 1", {"Prod", "77"}, {kP9}, 1, true, 0, {kLog9}, {}},
@@ -110,37 +112,24 @@ const CliCase kCliCases[] = {
     // The pid is a substring test only; every matched name is deleted, but
     // only names with eight pieces, the right process name and a session id
     // and key become crash logs.
-    {"matched names are consumed",
-     {"Prod", "12"},
+    // clang-format off
+    {"matched names are consumed", {"Prod", "12"},
      {"1_F_N_SA_KA_x_y_Prod.123", "2_F_N_SB_KB_x_412_Prod.info", "a_b_c_d_e_f_g_Prod.12.info",
       "12_b_c_d_e_f_Prod.info", "12_b_c_d_e_f_g_h_Prod.info", "Prod_12_c_d_e_f_g_Other.info",
-      "3_F_N_SC_KC_x_y_Prod.99"},
-     kNoPref,
-     true,
-     0,
+      "3_F_N_SC_KC_x_y_Prod.99"}, kNoPref, true, 0,
      {{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy", "SA", "F", "N"},
-      {"ulog_LumetryQX_AppCrash_KB_SB_0.rdy", "SB", "F", "N"}},
-     {"3_F_N_SC_KC_x_y_Prod.99"}},
+      {"ulog_LumetryQX_AppCrash_KB_SB_0.rdy", "SB", "F", "N"}}, {"3_F_N_SC_KC_x_y_Prod.99"}},
     // A product name that is not text is written as NOVALUE; the session id
     // keeps its bytes in the file name, and its stray byte is the Latin-1
     // character in the document (C3 -> C3 83), so it stays UTF-8.
-    {"names that are not UTF-8",
-     {"Prod", "1234"},
-     {"1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info"},
-     kNoPref,
-     true,
-     0,
-     {{"ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy", "S\xc3\x83", "Fam", "NOVALUE"}},
-     {}},
+    {"names that are not UTF-8", {"Prod", "1234"}, {"1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info"},
+     kNoPref, true, 0,
+     {{"ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy", "S\xc3\x83", "Fam", "NOVALUE"}}, {}},
     // Hidden names and directories (with what they hold) are session files too.
-    {"hidden names and directories",
-     {"Prod", "1234"},
-     {"." + kP, "1234_Fam_Name_S2_K2_x_y_Prod.d/inside", ".hidden_other"},
-     kNoPref,
-     true,
-     0,
-     {kLog1, {"ulog_LumetryQX_AppCrash_K2_S2_0.rdy", "S2", "Fam", "Name"}},
-     {".hidden_other"}},
+    {"hidden names and directories", {"Prod", "1234"},
+     {"." + kP, "1234_Fam_Name_S2_K2_x_y_Prod.d/inside", ".hidden_other"}, kNoPref, true, 0,
+     {kLog1, {"ulog_LumetryQX_AppCrash_K2_S2_0.rdy", "S2", "Fam", "Name"}}, {".hidden_other"}},
+    // clang-format on
 };
 
 class CrashRunCases : public CrashRunTest, public ::testing::WithParamInterface<CliCase> {};
