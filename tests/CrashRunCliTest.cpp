@@ -3,6 +3,7 @@
 // files remain, and its diagnostic log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -313,6 +314,20 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   MakeLogDir();
   Plant("1234_Fam_Name_S2_K2_x_y_Prod.info");
   EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+  // A locked log and a link at the log's name are not written, nor what they lead to.
+  const std::string held = appDir.Sub("held"), target = appDir.Sub("target");
+  ASSERT_TRUE(WriteFile(held, "keep") && WriteFile(target, "keep"));
+  ASSERT_EQ(0, ::link(held.c_str(), (LogDir() + "ulog_LumetryQX_AppCrash_K3_S3_0.rdy").c_str()));
+  ASSERT_EQ(0,
+            ::symlink(target.c_str(), (LogDir() + "ulog_LumetryQX_AppCrash_K4_S4_0.rdy").c_str()));
+  const int holder = ::open(held.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, ::flock(holder, LOCK_EX | LOCK_NB));
+  for (const char* n : {"3", "4"}) {
+    Plant(std::string("1234_Fam_Name_S") + n + "_K" + n + "_x_y_Prod.info");
+    EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+  }
+  ::close(holder);
+  EXPECT_EQ(Contents(held) + Contents(target), "keepkeep");
 
   const std::string log =
       Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
@@ -322,18 +337,24 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   const auto trace = [&](int line, const std::string& value) {
     expected += std::to_string(line) + " " + value + "\n";
   };
-  trace(214, "MiniSession::CreateCrashFile");
-  std::string path = LogDir();
-  for (int i = 0; i < 10; ++i) {
-    path += "ulog_LumetryQX_AppCrash_K1_S1_0.rdy";
-    trace(176, "MiniSession::Write: " + path);
-    trace(182, "MiniSession::Write");
-    path += "/";
-  }
+  // Every failed open is traced, each retry one more level down.
+  const auto failedOpens = [&](const std::string& n) {
+    trace(214, "MiniSession::CreateCrashFile");
+    std::string path = LogDir();
+    for (int i = 0; i < 10; ++i) {
+      path += "ulog_LumetryQX_AppCrash_K" + n + "_S" + n + "_0.rdy";
+      trace(176, "MiniSession::Write: " + path);
+      trace(182, "MiniSession::Write");
+      path += "/";
+    }
+  };
+  failedOpens("1");
   trace(214, "MiniSession::CreateCrashFile");
   trace(176, "MiniSession::Write: " + LogDir() + "ulog_LumetryQX_AppCrash_K2_S2_0.rdy");
   trace(156, "MiniSession::Write");
   for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
+  failedOpens("3");
+  failedOpens("4");
   EXPECT_EQ(std::regex_replace(log, kLine, "$2 $1"), expected);
 }
 
