@@ -3,6 +3,7 @@
 // files remain, and its diagnostic log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,94 +79,97 @@ class CrashRunTest : public ::testing::Test {
   ScopedHome home_;
 };
 
-TEST_F(CrashRunTest, TooFewArgumentsTouchNothing) {
-  for (const auto& args : {std::vector<std::string>{}, std::vector<std::string>{"Prod"}}) {
-    EXPECT_EQ(Run(args).status, 255);
+// One run per row: planted session files and the "obfuscate" preference in,
+// exit status, crash logs (file, session id, family, product) and the session
+// files left over out.
+struct CliCase {
+  const char* label;
+  std::vector<std::string> args, planted;
+  int obfuscate;  // kNoPref, kStringPref or the number stored
+  bool logDir;
+  int status;
+  std::vector<std::vector<std::string>> logs;  // a name ending in '.' gets the expected form
+  std::vector<std::string> left;
+};
+constexpr int kNoPref = -100, kStringPref = -101;
+const std::string kP = "1234_Fam_Name_S1_K1_x_y_Prod.info", kP9 = "77_Fam_Name_S9_K9_x_y_Prod.info";
+const std::vector<std::string> kLog1 = {"ulog_LumetryQX_AppCrash_K1_S1_0.rdy", "S1", "Fam", "Name"};
+const std::vector<std::string> kLog9 = {"ulog_LumetryQX_AppCrash_K9_S9_0.", "S9", "Fam", "Name"};
+const CliCase kCliCases[] = {
+    {"no arguments", {}, {}, kNoPref, false, 255, {}, {}},
+    {"one argument", {"Prod"}, {}, kNoPref, false, 255, {}, {}},
+    {"empty product", {"", "1234"}, {kP}, kNoPref, true, 254, {}, {kP}},
+    {"empty pid", {"Prod", ""}, {kP}, kNoPref, true, 254, {}, {kP}},
+    {"other pid", {"Prod", "999"}, {kP}, kNoPref, true, 254, {}, {kP}},
+    {"scrambled by default", {"Prod", "1234", "ignored", "x"}, {kP}, kNoPref, true, 0, {kLog1}, {}},
+    {"no session directory", {"Prod", "1234"}, {}, kNoPref, true, 254, {}, {}},
+    {"product is case-sensitive", {"prod", "1234"}, {kP}, kNoPref, true, 254, {}, {kP}},
+    {"missing log directory", {"Prod", "1234"}, {kP}, kNoPref, false, 0, {}, {}},
+    {"obfuscate 0", {"Prod", "77"}, {kP9}, 0, true, 0, {kLog9}, {}},
+    {"obfuscate 1", {"Prod", "77"}, {kP9}, 1, true, 0, {kLog9}, {}},
+    {"obfuscate 7", {"Prod", "77"}, {kP9}, 7, true, 0, {kLog9}, {}},
+    {"obfuscate -1", {"Prod", "77"}, {kP9}, -1, true, 0, {kLog9}, {}},
+    {"obfuscate string", {"Prod", "77"}, {kP9}, kStringPref, true, 0, {kLog9}, {}},
+    // The pid is a substring test only; every matched name is deleted, but
+    // only names with eight pieces, the right process name and a session id
+    // and key become crash logs.
+    // clang-format off
+    {"matched names are consumed", {"Prod", "12"},
+     {"1_F_N_SA_KA_x_y_Prod.123", "2_F_N_SB_KB_x_412_Prod.info", "a_b_c_d_e_f_g_Prod.12.info",
+      "12_b_c_d_e_f_Prod.info", "12_b_c_d_e_f_g_h_Prod.info", "Prod_12_c_d_e_f_g_Other.info",
+      "3_F_N_SC_KC_x_y_Prod.99"}, kNoPref, true, 0,
+     {{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy", "SA", "F", "N"},
+      {"ulog_LumetryQX_AppCrash_KB_SB_0.rdy", "SB", "F", "N"}}, {"3_F_N_SC_KC_x_y_Prod.99"}},
+    // A product name that is not text is written as NOVALUE; the session id
+    // keeps its bytes in the file name, and its stray byte is the Latin-1
+    // character in the document (C3 -> C3 83), so it stays UTF-8.
+    {"names that are not UTF-8", {"Prod", "1234"}, {"1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info"},
+     kNoPref, true, 0,
+     {{"ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy", "S\xc3\x83", "Fam", "NOVALUE"}}, {}},
+    // Hidden names and directories (with what they hold) are session files too.
+    {"hidden names and directories", {"Prod", "1234"},
+     {"." + kP, "1234_Fam_Name_S2_K2_x_y_Prod.d/inside", ".hidden_other"}, kNoPref, true, 0,
+     {kLog1, {"ulog_LumetryQX_AppCrash_K2_S2_0.rdy", "S2", "Fam", "Name"}}, {".hidden_other"}},
+    // clang-format on
+};
+
+class CrashRunCases : public CrashRunTest, public ::testing::WithParamInterface<CliCase> {};
+
+TEST_P(CrashRunCases, Run) {
+  const CliCase& c = GetParam();
+  SCOPED_TRACE(c.label);
+  if (c.logDir) MakeLogDir();
+  if (c.obfuscate == kStringPref) {
+    ASSERT_TRUE(SetPreferenceString("obfuscate", kDomain, "0", PrefUser::kCurrentUser,
+                                    PrefHost::kCurrentHost));
+  } else if (c.obfuscate != kNoPref) {
+    ASSERT_TRUE(SetPreferenceNumber("obfuscate", kDomain, c.obfuscate, PrefUser::kCurrentUser,
+                                    PrefHost::kCurrentHost));
   }
-  EXPECT_EQ(ListNames(home_.path()), std::vector<std::string>{});
-}
-
-TEST_F(CrashRunTest, EmptyProductOrPidFindsNothing) {
-  MakeLogDir();
-  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
-  EXPECT_EQ(Run({"", "1234"}).status, 254);
-  EXPECT_EQ(Run({"Prod", ""}).status, 254);
-  EXPECT_EQ(Run({"Prod", "999"}).status, 254);
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"1234_Fam_Name_S1_K1_x_y_Prod.info"});
-  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{});
-}
-
-TEST_F(CrashRunTest, ScrambledCrashLogByDefault) {
-  MakeLogDir();
-  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
-  EXPECT_EQ(Run({"Prod", "1234", "ignored", "extra"}).status, 0);
-
-  EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
+  for (const std::string& name : c.planted) Plant(name);
+  EXPECT_EQ(Run(c.args).status, c.status);
+  // A refused run touches nothing; a run without the log directory does not make it.
+  EXPECT_TRUE(c.status != 255 || ListNames(home_.path()).empty());
+  EXPECT_TRUE(c.logDir || !PathExists(LogDir()));
+  // Only a stored number other than 1 turns scrambling off.
+  const bool plain = c.obfuscate != kNoPref && c.obfuscate != kStringPref && c.obfuscate != 1;
+  std::vector<std::string> files;
+  for (const auto& log : c.logs)
+    files.push_back(log[0].back() != '.' ? log[0] : log[0] + (plain ? "xml" : "rdy"));
+  ASSERT_EQ(ListNames(LogDir()), files);
   const std::string id = MachineId();
-  EXPECT_EQ(id.size(), 36u);
-  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), CrashDocument("S1", "Fam", "Name", id));
-  EXPECT_EQ(testing_support::FileMode(LogDir() + "ulog_LumetryQX_AppCrash_K1_S1_0.rdy"), 0600);
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
-}
-
-TEST_F(CrashRunTest, ObfuscatePreferenceChoosesTheForm) {
-  struct Case {
-    const char* label;
-    bool store_number;
-    std::int32_t number;
-    const char* extension;
-  };
-  const Case cases[] = {
-      {"zero", true, 0, ".xml"},         {"one", true, 1, ".rdy"},
-      {"other number", true, 7, ".xml"}, {"negative", true, -1, ".xml"},
-      {"string", false, 0, ".rdy"},
-  };
-  MakeLogDir();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    if (c.store_number) {
-      ASSERT_TRUE(SetPreferenceNumber("obfuscate", kDomain, c.number, PrefUser::kCurrentUser,
-                                      PrefHost::kCurrentHost));
-    } else {
-      ASSERT_TRUE(SetPreferenceString("obfuscate", kDomain, "0", PrefUser::kCurrentUser,
-                                      PrefHost::kCurrentHost));
-    }
-    Plant("77_Fam_Name_S9_K9_x_y_Prod.info");
-    EXPECT_EQ(Run({"Prod", "77"}).status, 0);
-    const std::string file = std::string("ulog_LumetryQX_AppCrash_K9_S9_0") + c.extension;
-    ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{file});
+  for (size_t i = 0; i < files.size(); ++i) {
+    EXPECT_EQ(id.size(), 36u);
     // Decoded checks the marker of a scrambled log; a plain one with a marker would differ.
-    EXPECT_EQ(Decoded(file), CrashDocument("S9", "Fam", "Name", MachineId()));
-    ASSERT_EQ(::unlink((LogDir() + file).c_str()), 0);
+    EXPECT_EQ(Decoded(files[i]), CrashDocument(c.logs[i][1], c.logs[i][2], c.logs[i][3], id));
+    EXPECT_EQ(testing_support::FileMode(LogDir() + files[i]), 0600);
   }
+  EXPECT_EQ(ListNames(SessionDir()), c.left);
 }
 
-// The pid is a substring test only; every matched name is deleted, but only
-// names with eight pieces, the right process name and a session id and key
-// become crash logs.
-TEST_F(CrashRunTest, MatchedNamesAreConsumedValidOrNot) {
-  MakeLogDir();
-  for (const char* name : {"1_F_N_SA_KA_x_y_Prod.123",      // pid inside "123"
-                           "2_F_N_SB_KB_x_412_Prod.info",   // pid inside "412"
-                           "a_b_c_d_e_f_g_Prod.12.info",    // piece 8 is "Prod.12"
-                           "12_b_c_d_e_f_Prod.info",        // seven pieces
-                           "12_b_c_d_e_f_g_h_Prod.info",    // nine pieces
-                           "Prod_12_c_d_e_f_g_Other.info",  // other process
-                           "3_F_N_SC_KC_x_y_Prod.99"}) {    // no pid: stays
-    Plant(name);
-  }
-  EXPECT_EQ(Run({"Prod", "12"}).status, 0);
-  EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_KA_SA_0.rdy",
-                                                           "ulog_LumetryQX_AppCrash_KB_SB_0.rdy"}));
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{"3_F_N_SC_KC_x_y_Prod.99"});
-}
+void PrintTo(const CliCase& c, std::ostream* os) { *os << c.label; }
 
-TEST_F(CrashRunTest, MissingLogDirectoryStillConsumesTheFiles) {
-  Plant("1234_Fam_Name_S1_K1_x_y_Prod.info");
-  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
-  EXPECT_FALSE(PathExists(LogDir()));
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
-}
+INSTANTIATE_TEST_SUITE_P(Table, CrashRunCases, ::testing::ValuesIn(kCliCases));
 
 TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   MakeLogDir();
@@ -183,20 +187,6 @@ TEST_F(CrashRunTest, LongerExistingLogKeepsItsTail) {
   const size_t written = bytes.find("</UsageDoc>\n") + std::string("</UsageDoc>\n").size();
   EXPECT_EQ(MaskTimes(bytes.substr(0, written)), doc);
   EXPECT_EQ(bytes.substr(written), std::string(2000 - written, 'x') + tail);
-}
-
-TEST_F(CrashRunTest, NamesThatAreNotUtf8AreHandledAsBytes) {
-  MakeLogDir();
-  const std::string name = "1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info";
-  Plant(name);
-  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
-  const std::string log = "ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy";
-  ASSERT_EQ(ListNames(LogDir()), std::vector<std::string>{log});
-  // The crashed product's name is not text: it is written as NOVALUE. The
-  // session id keeps its bytes in the file name; in the document its stray
-  // byte is the Latin-1 character (C3 -> U+00C3, C3 83), so it stays UTF-8.
-  EXPECT_EQ(Decoded(log), CrashDocument("S\xc3\x83", "Fam", "NOVALUE", MachineId()));
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{});
 }
 
 // A FIFO at the preference file's place: before, the run hung for ever on
@@ -235,23 +225,6 @@ TEST_F(CrashRunTest, ManyUnrelatedEntries) {
   EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
   EXPECT_EQ(ListNames(LogDir()), std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy"});
   EXPECT_EQ(ListNames(SessionDir()).size(), 20000u);
-}
-
-// Every entry counts: a hidden name and a sub-directory that hold both keys
-// are matched like files; both become crash logs and both are consumed, the
-// directory with what it holds.
-TEST_F(CrashRunTest, HiddenNamesAndSubdirectoriesAreSessionFilesToo) {
-  MakeLogDir();
-  Plant(".1234_Fam_Name_S1_K1_x_y_Prod.info");
-  ASSERT_TRUE(MakeDirs(SessionDir() + "1234_Fam_Name_S2_K2_x_y_Prod.d"));
-  Plant("1234_Fam_Name_S2_K2_x_y_Prod.d/inside");
-  Plant(".hidden_other");
-  EXPECT_EQ(Run({"Prod", "1234"}).status, 0);
-  EXPECT_EQ(ListNames(LogDir()), (std::vector<std::string>{"ulog_LumetryQX_AppCrash_K1_S1_0.rdy",
-                                                           "ulog_LumetryQX_AppCrash_K2_S2_0.rdy"}));
-  EXPECT_EQ(Decoded("ulog_LumetryQX_AppCrash_K1_S1_0.rdy"),
-            CrashDocument("S1", "Fam", "Name", MachineId()));
-  EXPECT_EQ(ListNames(SessionDir()), std::vector<std::string>{".hidden_other"});
 }
 
 // The order in which the directory yields its names (creation order on some
@@ -341,6 +314,20 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   MakeLogDir();
   Plant("1234_Fam_Name_S2_K2_x_y_Prod.info");
   EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+  // A locked log and a link at the log's name are not written, nor what they lead to.
+  const std::string held = appDir.Sub("held"), target = appDir.Sub("target");
+  ASSERT_TRUE(WriteFile(held, "keep") && WriteFile(target, "keep"));
+  ASSERT_EQ(0, ::link(held.c_str(), (LogDir() + "ulog_LumetryQX_AppCrash_K3_S3_0.rdy").c_str()));
+  ASSERT_EQ(0,
+            ::symlink(target.c_str(), (LogDir() + "ulog_LumetryQX_AppCrash_K4_S4_0.rdy").c_str()));
+  const int holder = ::open(held.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, ::flock(holder, LOCK_EX | LOCK_NB));
+  for (const char* n : {"3", "4"}) {
+    Plant(std::string("1234_Fam_Name_S") + n + "_K" + n + "_x_y_Prod.info");
+    EXPECT_EQ(Run({"Prod", "1234"}, program).status, 0);
+  }
+  ::close(holder);
+  EXPECT_EQ(Contents(held) + Contents(target), "keepkeep");
 
   const std::string log =
       Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
@@ -350,18 +337,24 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
   const auto trace = [&](int line, const std::string& value) {
     expected += std::to_string(line) + " " + value + "\n";
   };
-  trace(214, "MiniSession::CreateCrashFile");
-  std::string path = LogDir();
-  for (int i = 0; i < 10; ++i) {
-    path += "ulog_LumetryQX_AppCrash_K1_S1_0.rdy";
-    trace(176, "MiniSession::Write: " + path);
-    trace(182, "MiniSession::Write");
-    path += "/";
-  }
+  // Every failed open is traced, each retry one more level down.
+  const auto failedOpens = [&](const std::string& n) {
+    trace(214, "MiniSession::CreateCrashFile");
+    std::string path = LogDir();
+    for (int i = 0; i < 10; ++i) {
+      path += "ulog_LumetryQX_AppCrash_K" + n + "_S" + n + "_0.rdy";
+      trace(176, "MiniSession::Write: " + path);
+      trace(182, "MiniSession::Write");
+      path += "/";
+    }
+  };
+  failedOpens("1");
   trace(214, "MiniSession::CreateCrashFile");
   trace(176, "MiniSession::Write: " + LogDir() + "ulog_LumetryQX_AppCrash_K2_S2_0.rdy");
   trace(156, "MiniSession::Write");
   for (int i = 0; i < 10; ++i) trace(201, "MiniSession::Write");
+  failedOpens("3");
+  failedOpens("4");
   EXPECT_EQ(std::regex_replace(log, kLine, "$2 $1"), expected);
 }
 

@@ -1,15 +1,8 @@
 // The crash mini-session writer: a plain document, scrambling, raw writes and
-// the failed opens with their diagnostic traces.
-#include <fcntl.h>
+// the refused writes; the failed opens are traced in the crash run's log.
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <regex>
 
 #include "MiniSession.h"
-#include "PlatformPaths.h"
 #include "TestSupport.h"
 
 using namespace testing_support;
@@ -57,52 +50,4 @@ TEST(MiniSession, ScramblesEveryByteAndRepairsBytesThatAreNotUtf8) {
   EXPECT_EQ(0, session.Write("c"));
   EXPECT_EQ(std::string(MiniSession::kScrambleMarker) + "23\xc3\xbf" + "4",
             Contents(dir.Sub(kName + ".rdy")));
-}
-
-// The logger is settled once per process, so the sessions run in a fresh copy
-// of this test binary whose HOME and main bundle point into a sandbox. The
-// trace of a missing directory and of a successful open is pinned by the
-// crash run's diagnostic log.
-TEST(MiniSession, FailedOpensWriteNothingAndTraceEveryAttempt) {
-  if (const char* root = std::getenv("MINISESSION_ROOT")) {
-    const ScopedOverride bundle(&Platform::SetMainBundlePathForTesting,
-                                std::string(root) + "/bundle");
-    for (const char* dir : {"/locked", "/link"})
-      MakeSession(root + std::string(dir), true).CreateCrashFile("M", "F", "P");
-    return;
-  }
-  ScopedTempDir box;
-  const std::string home = box.Sub("home"), held = box.Sub("held"), target = box.Sub("target");
-  ASSERT_TRUE(MakeDirs(home) && MakeDirs(box.Sub("locked")) && MakeDirs(box.Sub("link")) &&
-              WriteFile(box.Sub("bundle/VxLog.config"), "") && WriteFile(held, "keep") &&
-              WriteFile(target, "keep"));
-  ASSERT_EQ(0, ::link(held.c_str(), (box.Sub("locked/") + kName + ".rdy").c_str()));
-  ASSERT_EQ(0, ::symlink(target.c_str(), (box.Sub("link/") + kName + ".rdy").c_str()));
-  const int holder = ::open(held.c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_EQ(0, ::flock(holder, LOCK_EX | LOCK_NB));
-  RunResult run = RunProgram({"/proc/self/exe", "--gtest_filter=MiniSession.FailedOpens*"},
-                             {"HOME=" + home, "MINISESSION_ROOT=" + box.path()});
-  ::close(holder);
-  ASSERT_EQ(0, run.status) << run.out << run.err;
-  // Neither the locked file nor the link's target is written.
-  EXPECT_EQ(Contents(held), "keep");
-  EXPECT_EQ(Contents(target), "keep");
-
-  std::string expected;
-  const auto trace = [&](int line, const std::string& value) {
-    expected += std::to_string(line) + " " + value + "\n";
-  };
-  for (const char* dir : {"/locked", "/link"}) {
-    trace(214, "MiniSession::CreateCrashFile");
-    std::string grown = box.path() + dir;
-    for (int i = 0; i < 10; ++i) {
-      grown += "/" + kName + ".rdy";
-      trace(176, "MiniSession::Write: " + grown);
-      trace(182, "MiniSession::Write");
-    }
-  }
-  const std::string text = Contents(home + "/Library/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
-  const std::regex format(R"(\[DEBUG\] \| PID:\d+ \| TIME:\S+ \| VALUE:(.*) \| )"
-                          R"(DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
-  EXPECT_EQ(expected, std::regex_replace(text, format, "$2 $1"));
 }
