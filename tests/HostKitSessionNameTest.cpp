@@ -1,13 +1,12 @@
 // The host kit's piece checks and naming rule, read back with the crash
-// processor's own parser: the names decode to the host's pieces, and the pid
-// token given to the crash processor matches one process only.
+// processor's own parser: the names decode to the host's pieces. (That the
+// pid token matches one process only is the crash test's pid trap.)
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cerrno>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "SessionInfo.h"
 #include "SessionName.h"
@@ -100,27 +99,6 @@ TEST(HostKitSessionName, TooSmallABufferLeavesTheOutputAlone) {
   EXPECT_EQ(lh_pid_token(12, token, sizeof token), -ENAMETOOLONG);
   EXPECT_STREQ(token, "abc");
   EXPECT_EQ(TokenFor(12), "__12__");
-}
-
-// The crash processor looks for its second argument as a substring of the
-// whole name. Sessions of pids that hold each other's digits, and pieces
-// that hold them too, must not match another process's token.
-TEST(HostKitSessionName, PidTokenMatchesOnlyItsOwnProcess) {
-  const pid_t pids[] = {1, 2, 12, 21, 112, 121, 123, 412, 1212, 4123, 41234};
-  std::vector<std::string> names;
-  for (const pid_t pid : pids) {
-    // The pieces themselves are full of other pids' digits.
-    const std::string digits = std::to_string(pid);
-    const lumetry_host_session session = {"12", digits.c_str(), "412", "x123x", "Prod"};
-    names.push_back(NameFor(session, pid));
-  }
-  for (size_t crashed = 0; crashed < names.size(); ++crashed) {
-    const std::string token = TokenFor(pids[crashed]);
-    for (size_t other = 0; other < names.size(); ++other) {
-      EXPECT_EQ(names[other].find(token) != std::string::npos, other == crashed)
-          << token << " in " << names[other];
-    }
-  }
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 /* A host program for the crash tests: it opens a session with the host kit,
  * installs the crash hook and dies of a real fatal signal, with options for
  * the situations the tests set up (an allocating thread, an application
- * handler installed first, a pause before the crash, core dumps on or off).
+ * handler installed first, core dumps on or off).
  * It prints its pid and session file path, one per line, before crashing. */
 #include <errno.h>
-#include <fcntl.h>
 #include <getopt.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -25,24 +24,8 @@
 #include "HostInternal.h"
 #include "lumetry/host.h"
 
-static const char* app_marker_path;
-
-/* The application's own handler: leaves a marker, then dies of the signal. */
-static void app_handler(int sig) {
-  const int fd = open(app_marker_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd >= 0) {
-    /* "app handler <sig>\n" without stdio, which is no use in a handler. */
-    char text[24] = "app handler ";
-    size_t length = sizeof "app handler " - 1;
-    if (sig >= 10) text[length++] = (char)('0' + sig / 10);
-    text[length++] = (char)('0' + sig % 10);
-    text[length++] = '\n';
-    if (write(fd, text, length) < 0) _exit(99);
-    (void)close(fd);
-  }
-  (void)signal(sig, SIG_DFL);
-  (void)raise(sig);
-}
+/* The application's own handler: its exit status tells which signal it got. */
+static void app_handler(int sig) { _exit(100 + sig); }
 
 static void* allocate_forever(void* unused) {
   (void)unused;
@@ -98,12 +81,6 @@ static void crash(int sig) {
       /* Both operands volatile: GCC turns 1 / x into compares, not a division. */
       zero = one / zero; /* NOLINT(clang-analyzer-core.DivideZero): on purpose */
       break;
-#else
-    case SIGILL:
-    case SIGTRAP:
-    case SIGFPE:
-      (void)raise(sig);
-      break;
 #endif
     case SIGABRT:
       abort();
@@ -114,7 +91,7 @@ static void crash(int sig) {
         (void)raise(sig); /* no seccomp here */
       }
       break;
-    default: /* SIGKILL: what a task manager or the OOM killer sends */
+    default: /* SIGKILL (what a task manager sends), or no faulting instruction here */
       (void)raise(sig);
       break;
   }
@@ -156,15 +133,13 @@ int main(int argc, char* argv[]) {
   static const struct option kOptions[] = {{"processor", required_argument, NULL, 'p'},
                                            {"signal", required_argument, NULL, 's'},
                                            {"session-id", required_argument, NULL, 'i'},
-                                           {"product", required_argument, NULL, 'n'},
-                                           {"app-handler", required_argument, NULL, 'a'},
+                                           {"app-handler", no_argument, NULL, 'a'},
                                            {"wait-limit-ms", required_argument, NULL, 'w'},
                                            {"no-kit", no_argument, NULL, 'K'},
                                            {"end-first", no_argument, NULL, 'E'},
                                            {"crash-in-child", no_argument, NULL, 'F'},
                                            {"in-malloc", no_argument, NULL, 'H'},
                                            {"malloc-thread", no_argument, NULL, 'M'},
-                                           {"wait-stdin", no_argument, NULL, 'S'},
                                            {"core", no_argument, NULL, 'C'},
                                            {"leave-child", no_argument, NULL, 'L'},
                                            {NULL, 0, NULL, 0}};
@@ -172,9 +147,8 @@ int main(int argc, char* argv[]) {
   int sig = 0;
   char session_id[64];
   (void)snprintf(session_id, sizeof session_id, "S%ld", (long)getpid());
-  const char* product = "crash-host";
-  int use_kit = 1, end_first = 0, in_child = 0, in_malloc = 0, malloc_thread = 0, wait_stdin = 0,
-      core = 0, leave_child = 0;
+  int use_kit = 1, end_first = 0, in_child = 0, in_malloc = 0, malloc_thread = 0, core = 0,
+      leave_child = 0, app_handler_first = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, NULL)) != -1) {
     switch (opt) {
@@ -187,11 +161,8 @@ int main(int argc, char* argv[]) {
       case 'i':
         (void)snprintf(session_id, sizeof session_id, "%s", optarg);
         break;
-      case 'n':
-        product = optarg;
-        break;
       case 'a':
-        app_marker_path = optarg;
+        app_handler_first = 1;
         break;
       case 'w':
         lh_set_wait_limit_ms((unsigned)strtoul(optarg, NULL, 10));
@@ -210,9 +181,6 @@ int main(int argc, char* argv[]) {
         break;
       case 'M':
         malloc_thread = 1;
-        break;
-      case 'S':
-        wait_stdin = 1;
         break;
       case 'C':
         core = 1;
@@ -234,7 +202,7 @@ int main(int argc, char* argv[]) {
     limit.rlim_cur = core ? limit.rlim_max : 0;
     setrlimit(RLIMIT_CORE, &limit);
   }
-  if (app_marker_path != NULL) (void)signal(sig, app_handler);
+  if (app_handler_first) (void)signal(sig, app_handler);
 
   if (use_kit) {
     int rc = lumetry_host_install_crash_handler(processor);
@@ -242,7 +210,7 @@ int main(int argc, char* argv[]) {
                                           .product_name = "CrashHost",
                                           .session_id = session_id,
                                           .log_name_key = "K1",
-                                          .process_name = product};
+                                          .process_name = "crash-host"};
     if (rc == 0) rc = lumetry_host_begin(&session);
     if (rc != 0) {
       (void)fprintf(stderr, "crash-host: %s\n", strerror(-rc));
@@ -270,10 +238,6 @@ int main(int argc, char* argv[]) {
   }
   (void)fflush(stdout);
 
-  if (wait_stdin) {
-    char go;
-    if (read(0, &go, 1) < 0) return 5;
-  }
   if (malloc_thread) {
     pthread_t thread;
     if (pthread_create(&thread, NULL, allocate_forever, NULL) != 0) return 6;
