@@ -123,6 +123,9 @@ TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
   Strings names;
   EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {}, &names));  // entries may be bytes
   EXPECT_EQ((Strings{"caf\xE9"}), names);
+  // A failed listing adds nothing, and a list non-empty on entry answers true.
+  EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.Sub("missing"), {}, &names));
+  EXPECT_EQ((Strings{"caf\xE9"}), names);
 }
 
 // Writers and probes of this file never block on a FIFO nor write through a
