@@ -23,39 +23,21 @@ std::string LocalDay(int offset) {
   return boost::gregorian::to_iso_extended_string(day);
 }
 
-TEST(UploaderStatusTest, WakeDates) {
-  const date today(2024, 2, 28);
-  for (const char* paused :
-       {"2024-02-29", "2999-Mar-31", "2999 march 1", "2999/3/31", "2999.mAR.31,x"})
-    EXPECT_EQ(WakeDateState(paused, today), 2) << paused;
-  for (const char* awake :
-       {"2024-02-28", "2024-02-27", "", "soon", "2023-02-29", "2999-13-01", "2999-Smarch-1",
-        "99999-01-01", "1399-01-01", "2999-01", "2999-\xC3-01"})
-    EXPECT_EQ(WakeDateState(awake, today), 0) << awake;
-}
-
 // Tokens longer than the date rules allow never reach the date library (its
 // number conversion overflows on six or more characters); later tokens,
 // which the rules ignore, are not bounded.
-TEST(UploaderStatusTest, LongDateTokensAreNoDate) {
+TEST(UploaderStatusTest, WakeDates) {
   const date today(2024, 2, 28);
-  const std::pair<const char*, int> cases[] = {
-      {"!00000", 0},
-      {"!00000-01-01", 0},
-      {"2999-!00000-01", 0},
-      {"2999-01-!00000", 0},
-      {"000002999-01-01", 0},
-      {"2999-0000001-01", 0},
-      {"2999-01-0000001", 0},
-      {"2999-Septembers-01", 0},
-      {"2999-September-30", 2},
-      {"02999-00001-00001", 2},
-      {"2999-01-01-!000000000", 2},
-      {"2999/Jan/01 "
-       "xxxxxxxxxx",
-       2},
-  };
-  for (const auto& c : cases) EXPECT_EQ(WakeDateState(c.first, today), c.second) << c.first;
+  for (const char* paused : {"2024-02-29", "2999-Mar-31", "2999 march 1", "2999/3/31",
+                             "2999.mAR.31,x", "2999-September-30", "02999-00001-00001",
+                             "2999-01-01-!000000000", "2999/Jan/01 xxxxxxxxxx"})
+    EXPECT_EQ(WakeDateState(paused, today), 2) << paused;
+  for (const char* awake :
+       {"2024-02-28", "2024-02-27", "", "soon", "2023-02-29", "2999-13-01", "2999-Smarch-1",
+        "99999-01-01", "1399-01-01", "2999-01", "2999-\xC3-01", "!00000", "!00000-01-01",
+        "2999-!00000-01", "2999-01-!00000", "000002999-01-01", "2999-0000001-01", "2999-01-0000001",
+        "2999-Septembers-01"})
+    EXPECT_EQ(WakeDateState(awake, today), 0) << awake;
 }
 
 // EvaluateUploaderStatus for item "App" "2"; every transition is saved back.
