@@ -7,12 +7,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "AttemptLedger.h"
 #include "CourierTestServer.h"

@@ -1,8 +1,6 @@
-// A real HTTPS server for the uploader's tests: a small Python script on a
-// free loopback port with a certificate for the maker's hosts, signed by a
-// test CA made with the openssl command. Each test scripts its answers and
-// reads back what the server received. The server is killed when the object
-// goes away, and stops by itself after two minutes.
+// The uploader tests' HTTPS server (courier_test_server.py) on a loopback port,
+// with a certificate for the maker's hosts from a test CA; tests script its
+// answers and read back what it received. Killed with the object.
 #ifndef LUMETRY_TESTS_COURIERTESTSERVER_H_
 #define LUMETRY_TESTS_COURIERTESTSERVER_H_
 

@@ -1,23 +1,14 @@
 #!/usr/bin/env python3
-"""HTTPS server for the uploader's tests, on 127.0.0.1 only.
+"""HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
-Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime SECONDS] [--print]
-
-Writes the chosen port to DIR/port. Each request is recorded as
-DIR/requests/NNNN.head ("METHOD PATH" then one "name: value" line per header,
-names lower-cased, and "x-test-connection: N", the number of the TLS
-connection that carried it) and DIR/requests/NNNN.body (the raw body).
-Connections are kept open between requests (HTTP/1.1 keep-alive). Answers follow DIR/script.json,
-read afresh for every request: {"<path>": [answer, ...]} where the answers of
-a path are used in turn and the last one repeats. An answer is an object with
-"status" (default 200), "body" (text), "body_size" (that many "x" bytes),
-"headers" (object), "delay" (seconds before answering) and "action": "close"
-(drop the connection without an answer) or "garbage" (a line that is not HTTP),
-and "close": true (answer, then close the connection).
-Unscripted paths answer 204 to GET and 200 to POST. The server stops by itself
-after the lifetime. With --print (the demo's stand-in for the telemetry server)
-it also prints each request, and each uploaded usage log decoded (a file that
-starts with the scramble marker has the rest run through ROT47).
+Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime S] [--print]
+Writes its port to DIR/port; records each request as DIR/requests/NNNN.head ("METHOD PATH",
+then "name: value" lines, names lower-cased, plus "x-test-connection: N") and NNNN.body.
+Keeps connections open. Answers follow DIR/script.json, read per request:
+{"<path>": [answer, ...]}, used in turn, the last repeating; an answer has "status",
+"body", "body_size" (that many "x"), "headers", "delay" (s), "close": true, and
+"action": "close" (drop without answer) or "garbage". Unscripted: GET 204, POST 200.
+--print shows each request and each upload decoded (ROT47 after the scramble marker).
 """
 import argparse
 import email.parser
@@ -58,8 +49,7 @@ def show(headers, command, path, body, status):
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
-    def log_message(self, *args):
-        pass
+    log_message = lambda self, *args: None
 
     def setup(self):
         super().setup()
@@ -132,14 +122,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Connection", "close")
         self.end_headers()
         try:
-            if size is not None:
-                chunk = b"x" * 65536
-                left = int(size)
-                while left > 0:
-                    self.wfile.write(chunk[:min(left, len(chunk))])
-                    left -= len(chunk)
-            else:
-                self.wfile.write(data)
+            self.wfile.write(b"x" * int(size) if size is not None else data)
         except OSError:
             self.close_connection = True  # the client stopped reading, as a capped client does
 
@@ -164,13 +147,8 @@ class Server(http.server.ThreadingHTTPServer):
             tls = self.context.wrap_socket(request, server_side=True)
         except (OSError, ssl.SSLError):
             return
-        try:
+        with tls:
             super().finish_request(tls, client_address)
-        finally:
-            try:
-                tls.close()
-            except OSError:
-                pass
 
 
 def main():
