@@ -1,137 +1,353 @@
-// The conventions every operator tool keeps, checked on each built tool:
-// --help and --version on standard output, the exact answer to an unknown
-// option, one line naming the file and the system's reason for a missing
-// file, a directory or an oversize input, and a failed write of standard
-// output reported with exit status 1.
+// The built operator tools driven as an operator would, one table row per
+// case: a shell script run in a sandbox HOME (the any-user preference
+// directory and the XDG directories inside it, the tools first on PATH) and
+// the exact status, standard output and standard error it must give. Python's
+// plistlib, an independent implementation of the file format, writes and
+// reads property lists for the rows (pl FILE [JSON [bin]]).
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "PlatformPaths.h"
 #include "TestSupport.h"
 
 namespace {
 
 namespace ts = testing_support;
 
-constexpr std::size_t kMiB = std::size_t{1024} * 1024;
-
-struct ToolCase {
-  std::string name;
-  std::vector<std::string> file_args;  // what comes before an input file
-  std::size_t cap;                     // bytes an input file may hold; 0: reads no file
-  std::vector<std::string> printing;   // a run that prints; "@" is the sandbox's doc.xml
+struct Row {
+  std::string plant;  // bytes of the domain file com.t (current user, any host), if any
+  std::string script;
+  std::string out;
+  std::string err;
+  int status;
 };
 
-const ToolCase kTools[] = {
-    {"ulog-decode", {}, 16 * kMiB, {"@"}},
-    {"logcourier-config", {"--file"}, kMiB, {"--file", "@"}},
-    {"lumetry-sysinfo", {}, 0, {}},
-    {"lumetry-defaults", {"import", "com.quorvik.test"}, kMiB, {"paths"}},
-};
-
-std::string Path(const ToolCase& tool) { return std::string(TOOLS_DIR) + "/" + tool.name; }
-
-ts::RunResult RunTool(const ToolCase& tool, const std::vector<std::string>& args,
-                      const std::string& home) {
-  std::vector<std::string> argv = {Path(tool)};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return ts::RunProgram(argv, {"HOME=" + home, "LUMETRY_SYSTEM_PREFS_DIR=" + home + "/system"});
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+  for (auto at = text.find(from); !from.empty() && at != std::string::npos;
+       at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+  return text;
 }
 
-TEST(ToolConventionsCliTest, HelpAndVersionGoToStandardOutput) {
+// In the outputs the sandbox reads "~" and the host identifier "HOST".
+ts::RunResult Run(const std::string& script, const std::string& plant = "") {
+  const char* preamble = R"sh(cd "$HOME" && P=Library/Preferences && mkdir -p $P || exit 99
+pl() { mkdir -p "$(dirname "$1")" && python3 -c "$PL" "$@"; }
+dflt() { lumetry-defaults "$@"; }
+)sh";
+  const char* python = R"(import json, plistlib, sys
+f, *rest = sys.argv[1:]
+if rest: open(f, 'wb').write(plistlib.dumps(json.loads(rest[0]),
+    fmt=plistlib.FMT_BINARY if rest[1:] == ['bin'] else plistlib.FMT_XML))
+else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
   ts::ScopedTempDir home;
-  for (const ToolCase& tool : kTools) {
-    SCOPED_TRACE(tool.name);
-    const auto help = RunTool(tool, {"--help"}, home.path());
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind("Usage: " + tool.name + " ", 0), 0u) << help.out;
-    EXPECT_EQ(help.err, "");
-    const auto version = RunTool(tool, {"--version"}, home.path());
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, tool.name + " " + LUMETRY_PROJECT_VERSION + "\n");
-    EXPECT_EQ(version.err, "");
+  const std::string host = Platform::GetHostId();
+  EXPECT_TRUE(plant.empty() || ts::WriteFile(home.Sub("Library/Preferences/com.t.plist"), plant));
+  ts::RunResult run = ts::RunProgram(
+      {"/bin/sh", "-c", preamble + script},
+      {"HOME=" + home.path(), "PATH=" TOOLS_DIR ":" + std::string(std::getenv("PATH")),
+       "LUMETRY_SYSTEM_PREFS_DIR=" + home.Sub("system"), "H=" + host, "PL=" + std::string(python),
+       "XDG_CONFIG_HOME=", "XDG_DATA_HOME=", "XDG_CONFIG_DIRS=" + home.Sub("etc"),
+       "XDG_DATA_DIRS=" + home.Sub("share")});
+  for (std::string* text : {&run.out, &run.err})
+    *text = Replace(Replace(*text, home.path(), "~"), host, "HOST");
+  return run;
+}
+
+void Check(const Row& row) {
+  SCOPED_TRACE(row.script);
+  const ts::RunResult run = Run(row.script, row.plant);
+  EXPECT_EQ(row.out, run.out);
+  EXPECT_EQ(row.err, run.err);
+  EXPECT_EQ(row.status, run.status);
+}
+
+const std::string kVersion = LUMETRY_PROJECT_VERSION;
+const std::vector<std::string> kTools = {"ulog-decode", "logcourier-config", "lumetry-sysinfo",
+                                         "lumetry-defaults"};
+
+TEST(ToolConventionsCliTest, HelpVersionAndUnknownOptions) {
+  for (const std::string& tool : kTools) {
+    Check({"", tool + " --version", tool + " " + kVersion + "\n", "", 0});
+    Check({"", tool + " --help | cut -d' ' -f1,2 | head -1 && " + tool + " --help 2>&1 >/dev/null",
+           "Usage: " + tool + "\n", "", 0});
+    const std::string hint = "\nTry '" + tool + " --help'.\n";
+    for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
+             {"--x", "unrecognized option '--x'"},
+             {"--x=1", "unrecognized option '--x'"},
+             {"-z", "invalid option -- 'z'"},
+             {"--help=x", "option '--help' doesn't allow an argument"},
+             {"--nope --version", "unrecognized option '--nope'"}})
+      Check({"", tool + " " + args, "", tool + ": " + message + hint, 2});
   }
 }
 
-TEST(ToolConventionsCliTest, UnknownOptionsGetOneLineAndAHint) {
-  ts::ScopedTempDir home;
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      // arguments, message
-      {{"--x"}, "unrecognized option '--x'"},
-      {{"--x=1"}, "unrecognized option '--x'"},
-      {{"-z"}, "invalid option -- 'z'"},
-      {{"--help=x"}, "option '--help' doesn't allow an argument"},
-      {{"--nope", "--version"}, "unrecognized option '--nope'"},
+TEST(ToolConventionsCliTest, UnreadableInputsFullOutputAndTheInputCap) {
+  const std::vector<std::pair<std::string, std::string>> readers = {
+      {"ulog-decode", "16"}, {"logcourier-config --file", "1"}, {"lumetry-defaults import x", "1"}};
+  for (const auto& [command, mib] : readers) {
+    const std::string tool = command.substr(0, command.find(' '));
+    for (const auto& [file, reason] :
+         std::vector<std::pair<std::string, std::string>>{{"none", "No such file or directory"},
+                                                          {"/", "Is a directory"},
+                                                          {"big", "larger than " + mib + " MiB"}})
+      Check({"", "truncate -s $((" + mib + " * 1048576 + 1)) big; " + command + " " + file, "",
+             tool + ": " + file + ": " + reason + "\n", 1});
+  }
+  const std::string doc = "printf '[settings]\\n<doc/>\\n' > doc.xml; ";
+  for (const std::string run : {"ulog-decode doc.xml", "logcourier-config --file doc.xml",
+                                "lumetry-sysinfo", "lumetry-defaults paths"}) {
+    const std::string tool = run.substr(0, run.find(' '));
+    const std::string full = tool + ": write error: No space left on device\n";
+    Check({"", doc + run + " >/dev/full", "", full, 1});
+    Check({"", tool + " --help >/dev/full", "", full, 1});
+  }
+  // A settings text of exactly the cap is read.
+  Check(
+      {"",
+       "printf '[settings]\\nmaxretries=4\\n' > c; head -c 1048552 /dev/zero | tr '\\0' '\\n' >>c;"
+       "logcourier-config --file c | grep maxRetries",
+       "maxRetries: 4\n", "", 0});
+}
+
+TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
+  const std::string browser = "lumetry-sysinfo | sed -n 's/^Browser: //p'";
+  const std::string handlers = "pl $P/com.apple.LaunchServices.plist '{\"LSHandlers\": ";
+  const Row rows[] = {
+      {"", "lumetry-sysinfo | sed 's/:.*//'", "CPU\nModel\nCPU MHz\nBrowser\n", "", 0},
+      {"", "lumetry-sysinfo | sed -n 's/^CPU MHz: //p' | grep -Ec '^(0|[1-9][0-9]*)$'", "1\n", "",
+       0},
+      {"",
+       "lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
+       "print(list(d), type(d[\"cpuMHz\"]).__name__, d[\"browser\"])'",
+       "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n", "", 0},
+      {"", "lumetry-sysinfo extra", "",
+       "lumetry-sysinfo: unexpected argument 'extra'\nTry 'lumetry-sysinfo --help'.\n", 2},
+      // Skipped in turn: another scheme, an upper-case scheme, no role handler,
+      // an empty one, no dictionary, no string; the first usable one is kept as written.
+      {"",
+       handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
+           {"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"},
+           {"LSHandlerURLScheme": "http", "LSHandlerRoleViewer": "com.a"},
+           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": ""}, "not a dictionary",
+           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": 5},
+           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "Org.Mozilla.FIREFOX"},
+           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.c"}]}' bin; )" +
+           browser,
+       "Org.Mozilla.FIREFOX\n", "", 0},
+      {"", handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
+       "com.apple.safari\n", "", 0},
+      // Only [Default Applications] counts, and the first entry of its list; a
+      // LaunchServices handler comes first.
+      {"",
+       "mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
+       "[Default Applications]\\r\\ntext/html=h.desktop\\n x-scheme-handler/http = ;first.desktop;"
+       "second.desktop;\\r\\n' > etc/mimeapps.list; " +
+           browser + "; " + handlers +
+           R"([{"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.ls"}]}'; )" + browser,
+       "first.desktop\ncom.ls\n", "", 0},
   };
-  for (const ToolCase& tool : kTools) {
-    for (const auto& [args, message] : cases) {
-      SCOPED_TRACE(tool.name + " " + args[0]);
-      const auto run = RunTool(tool, args, home.path());
-      EXPECT_EQ(run.status, 2);
-      EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + message + "\nTry '" + tool.name + " --help'.\n");
-    }
+  for (const Row& row : rows) Check(row);
+}
+
+TEST(ToolConventionsCliTest, DefaultsEveryVerbInEveryScope) {
+  for (const auto& [flags, file] : std::vector<std::pair<std::string, std::string>>{
+           {"", "~/Library/Preferences/com.t.plist"},
+           {"-currentHost", "~/Library/Preferences/ByHost/com.t.HOST.plist"},
+           {"-anyUser", "~/system/com.t.plist"},
+           {"-anyUser -currentHost", "~/system/ByHost/com.t.HOST.plist"}}) {
+    const std::string d = "dflt " + flags + " ";
+    const std::string f = Replace(Replace(file, "~", "\"$HOME\""), "HOST", "$H");
+    Check({"",
+           d + "write com.t name -string 'a \"b\"' && " + d + "write com.t count -int -12 && " + d +
+               "write com.t plain word && " + d + "write com.t map -dict-add n -int 3 && " + d +
+               "write com.t map -dict-add t -string x && pl " + f + " && stat -c %a " + f + " " +
+               f + ".lock && " + d + "read com.t && " + d + "read com.t count && " + d +
+               "read-type com.t map && " + d + "domains; " + d +
+               "write com.t name -dict-add e -int 1; " + d + "delete com.t count && " + d +
+               "delete com.t count; " + d + "delete com.t && " + d + "domains && " + d +
+               "read com.t || " + d + "delete com.t",
+           "{\"count\": -12, \"map\": {\"n\": 3, \"t\": \"x\"}, \"name\": \"a \\\"b\\\"\", "
+           "\"plain\": \"word\"}\n600\n600\n{\n    name = \"a \\\"b\\\"\";\n    count = -12;\n"
+           "    plain = \"word\";\n    map = {\n        n = 3;\n        t = \"x\";\n    };\n}\n"
+           "-12\nType is dictionary\ncom.t\n",
+           "lumetry-defaults: " + file + ": 'name' holds a string, not a dictionary\n" +
+               "lumetry-defaults: " + file + ": no key 'count'\nlumetry-defaults: " + file +
+               ": No such file or directory\nlumetry-defaults: " + file +
+               ": No such file or directory\n",
+           1});
   }
 }
 
-TEST(ToolConventionsCliTest, UnreadableInputsNameTheFileAndTheReason) {
-  ts::ScopedTempDir home;
-  for (const ToolCase& tool : kTools) {
-    if (tool.cap == 0) continue;  // lumetry-sysinfo takes no file
-    // A sparse file one byte past the cap: no memory or disk needed for it.
-    const std::string big = home.Sub("big-" + tool.name);
-    ASSERT_TRUE(ts::WriteFile(big, ""));
-    ASSERT_EQ(::truncate(big.c_str(), static_cast<off_t>(tool.cap + 1)), 0);
-    const std::pair<std::string, std::string> cases[] = {
-        // file, reason
-        {home.Sub("missing"), "No such file or directory"},
-        {home.path(), "Is a directory"},
-        {big, tool.cap == kMiB ? "larger than 1 MiB" : "larger than 16 MiB"},
-    };
-    for (const auto& [file, reason] : cases) {
-      SCOPED_TRACE(tool.name + " " + file);
-      std::vector<std::string> args = tool.file_args;
-      args.push_back(file);
-      const auto run = RunTool(tool, args, home.path());
-      EXPECT_EQ(run.status, 1);
-      EXPECT_EQ(run.out, "");
-      EXPECT_EQ(run.err, tool.name + ": " + file + ": " + reason + "\n");
-    }
-  }
+const char kUsage[] = "\nTry 'lumetry-defaults --help'.\n";
+const std::string kNotDictionary = ": not a property list holding a dictionary\n";
+const std::string kNoDictionary = "lumetry-defaults: x" + kNotDictionary;
+const std::string kStore = "lumetry-defaults: ~/Library/Preferences/com.t.plist: cannot store ";
+
+TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
+  const std::string json = R"({"arr": [1, "two", {"k": "v"}], "b": true, "big": 1099511627776, )"
+                           R"("r": 1.5, "s": "caf\u00e9 \"q\""})";
+  const std::string exchange =
+      "; dflt read com.t; for k in arr b big r s; do dflt read-type com.t $k; done; "
+      "dflt import com.c $P/com.t.plist && pl $P/com.c.plist && dflt export com.c x && pl x && "
+      "dflt export com.c - | head -c 6 && dflt write com.t i -int 8 && pl $P/com.t.plist";
+  const std::string exchanged =
+      "{\n    arr = (\n        1,\n        \"two\",\n        {\n            k = \"v\";\n        }\n"
+      "    );\n    b = 1;\n    big = 1099511627776;\n    r = 1.5;\n    s = \"caf\xC3\xA9 "
+      "\\\"q\\\"\""
+      ";\n}\nType is array\nType is boolean\nType is integer\nType is real\nType is string\n" +
+      json + "\n" + json + "\n<?xml " + Replace(json, "\"r\"", "\"i\": 8, \"r\"") + "\n";
+  const Row rows[] = {
+      {"", "pl $P/com.t.plist '" + json + "'" + exchange, exchanged, "", 0},
+      {"", "pl $P/com.t.plist '" + json + "' bin" + exchange, exchanged, "", 0},
+      {"",
+       "dflt write com.t a -int -2147483648 && dflt write com.t b -int 2147483647 && "
+       "dflt write com.t e -string '' && dflt write com.t u \"$(printf 'h\\303\\251')\" && "
+       "pl $P/com.t.plist",
+       R"({"a": -2147483648, "b": 2147483647, "e": "", "u": "h\u00e9"})"
+       "\n",
+       "", 0},
+      {"",
+       R"(printf '<plist><dict><key>odd key</key><array><dict/><array/></array><key>d</key><data>)"
+       R"(AAH/</data><key>t</key><date>2001-01-02T00:00:00Z</date><key>e</key><string>a"b\\c\nd)"
+       R"(\te\001</string></dict></plist>' >$P/com.t.plist; dflt read com.t; dflt read-type com.t)"
+       R"( d; dflt read-type com.t t)",
+       "{\n    \"odd key\" = (\n        {\n        },\n        (\n        )\n    );\n"
+       "    d = <0001ff>;\n    t = 2001-01-02 00:00:00 +0000;\n    e = "
+       "\"a\\\"b\\\\c\\nd\\te\\001\";"
+       "\n}\nType is data\nType is date\n",
+       "", 0},
+      {"",
+       "dflt write com.b n -int 1 && dflt write com.a n -int 1 && dflt -currentHost write com.h k "
+       "v && dflt -anyUser write com.s k v && : >$P/.com.a.plist.Xy12ab && : >$P/.hidden.plist && "
+       "mkdir $P/f.plist && : >$P/notes.txt && dflt domains && dflt -currentHost domains && "
+       "dflt -anyUser domains && dflt -anyUser -currentHost domains && dflt read",
+       "com.a\ncom.b\ncom.h\ncom.s\n{\n    com.a = {\n        n = 1;\n    };\n    com.b = {\n"
+       "        n = 1;\n    };\n}\n",
+       "", 0},
+      {"", "dflt paths com.t",
+       "HOST-ID: HOST\ncurrent user, any host: ~/Library/Preferences/com.t.plist\n"
+       "current user, current host: ~/Library/Preferences/ByHost/com.t.HOST.plist\n"
+       "any user, any host: ~/system/com.t.plist\nany user, current host: "
+       "~/system/ByHost/com.t.HOST.plist\n",
+       "", 0},
+      {"", "dflt", "", std::string("lumetry-defaults: no verb given") + kUsage, 2},
+      {"", "dflt frob", "", std::string("lumetry-defaults: unknown verb 'frob'") + kUsage, 2},
+      {"", "dflt read a b c", "",
+       std::string("lumetry-defaults: wrong number of arguments for 'read'") + kUsage, 2},
+      {"", "dflt write com.t k", "",
+       "lumetry-defaults: usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY "
+       "(-string S | -int N))" +
+           std::string(kUsage),
+       2},
+      {"", "dflt write com.t k -int 2147483648", "",
+       "lumetry-defaults: -int needs a signed 32-bit integer, not '2147483648'" +
+           std::string(kUsage),
+       2},
+      {"", "dflt write com.t k -int 1 -string s", "",
+       "lumetry-defaults: give -string or -int, not both" + std::string(kUsage), 2},
+      {"", "dflt read com.t -string s", "",
+       "lumetry-defaults: -string, -int and -dict-add belong to 'write'" + std::string(kUsage), 2},
+      {"", "dflt read a/b", "", "lumetry-defaults: 'a/b' is not a valid domain name\n", 1},
+      {"", "dflt delete \"$(printf 'com.\\351')\" k", "",
+       "lumetry-defaults: 'com.\xE9' is not a valid domain name\n", 1},
+      {"", "dflt write com.t \"$(printf 'k\\377')\" v", "",
+       kStore + "'k\xFF' (invalid text or unwritable file)\n", 1},
+      {"", "pl x '[]'; dflt import com.t x", "", kNoDictionary, 1},
+      {"", "echo junk >x; dflt import com.t x", "", kNoDictionary, 1},
+      {"", ": >x; dflt import com.t x", "", kNoDictionary, 1},
+      {"", "printf 'bplist00\\377\\377' | dflt import com.t -", "",
+       "lumetry-defaults: standard input" + kNotDictionary, 1},
+      // A FIFO at the domain file or at its lock: refused at once, never waited on.
+      {"", "mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
+       kStore + "'k' (invalid text or unwritable file)\n", 1},
+      {"", "mkfifo $P/com.t.plist.lock; dflt write com.t k v", "",
+       kStore + "'k' (invalid text or unwritable file)\n", 1},
+      {"", "dflt write com.t k v && dflt export com.t none/x", "",
+       "lumetry-defaults: none/x: No such file or directory\n", 1},
+  };
+  for (const Row& row : rows) Check(row);
 }
 
-TEST(ToolConventionsCliTest, InputsUpToTheCapAreRead) {
-  ts::ScopedTempDir home;
-  // A settings text of exactly 1 MiB: comments padded to the cap.
-  const std::string line = "# " + std::string(1021, 'x') + "\n";
-  std::string text = "[settings]\nmaxretries=4\n";
-  while (text.size() + line.size() <= kMiB) text += line;
-  text += std::string(kMiB - text.size(), '\n');
-  ASSERT_EQ(text.size(), kMiB);
-  ASSERT_TRUE(ts::WriteFile(home.Sub("full.cfg"), text));
-  const auto run = RunTool(kTools[1], {"--file", home.Sub("full.cfg")}, home.path());
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("\nmaxRetries: 4\n"), std::string::npos) << run.out;
+// A binary list {key: value} of two ASCII strings, with one-byte offsets and references.
+std::string BinaryPair(const std::string& key, const std::string& value) {
+  std::string bytes = "bplist00\xD1\x01\x02";
+  bytes += static_cast<char>(0x50 + key.size()) + key;
+  bytes += static_cast<char>(0x50 + value.size()) + value;
+  const auto table = static_cast<char>(bytes.size());
+  bytes += std::string(1, '\x08') + static_cast<char>(11) + static_cast<char>(12 + key.size());
+  bytes += std::string(6, '\0') + "\x01\x01";
+  for (const char field : {char{3}, char{0}, table}) bytes += std::string(7, '\0') + field;
+  return bytes;
 }
 
-TEST(ToolConventionsCliTest, AFullStandardOutputFailsTheRun) {
-  ts::ScopedTempDir home;
-  ASSERT_TRUE(ts::WriteFile(home.Sub("doc.xml"), "[settings]\n<doc/>\n"));
-  for (const ToolCase& tool : kTools) {
-    for (const auto& args : {tool.printing, std::vector<std::string>{"--help"}}) {
-      SCOPED_TRACE(tool.name + " " + (args.empty() ? "" : args[0]));
-      // The shell points standard output at /dev/full, then runs the tool.
-      std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full",
-                                       Path(tool)};
-      for (const std::string& a : args) argv.push_back(a == "@" ? home.Sub("doc.xml") : a);
-      const auto run = ts::RunProgram(argv, {"HOME=" + home.path()});
-      EXPECT_EQ(run.status, 1);
-      EXPECT_EQ(run.err, tool.name + ": write error: No space left on device\n");
-    }
-  }
+std::string Spoiled(std::string bytes, std::size_t from_end, char byte) {
+  bytes[bytes.size() - from_end] = byte;
+  return bytes;
+}
+
+// Files of other programs, damaged or hostile, at a domain: each reads as what
+// it soundly holds (else as empty) without a crash or hang, and the next write
+// keeps every key that was read.
+TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
+  const std::string script = "dflt read com.t; dflt write com.t n -int 1; pl $P/com.t.plist";
+  const std::string empty = "{\n}\n{\"n\": 1}\n";
+  const std::string nul(1, '\0');
+  std::string deep_xml = "<plist><dict><key>k</key>";
+  for (int i = 0; i < 100000; ++i) deep_xml += "<array>";
+  for (int i = 0; i < 100000; ++i) deep_xml += "</array>";
+  const std::string valid = BinaryPair("k", "v");
+  const std::string latin1_xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>MachineID</key><string>ID-1</string><key>city</key><string>\xE9t\xE9</string>"
+      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
+  // {"MachineID": "ID-1", "k\xE9" (one byte, Latin-1): 7}
+  const std::string latin1_key = std::string("bplist00\xD2\x01\x02\x03\x04\x59MachineID", 23) +
+                                 "\x52k\xE9\x54ID-1\x10\x07\x08\x0D\x17\x1A\x1F" +
+                                 std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') + "\x05" +
+                                 std::string(15, '\0') + "\x21";
+  const Row rows[] = {
+      {valid, script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0},
+      {valid.substr(0, valid.size() - 1), script, empty, "", 0},
+      {Spoiled(valid, 26, 9), script, empty, "", 0},       // offset size
+      {Spoiled(valid, 24, '\xFF'), script, empty, "", 0},  // object count
+      {Spoiled(valid, 8, '\x80'), script, empty, "", 0},   // offset table position
+      {Spoiled(valid, 1, '\xFF'), script, empty, "", 0},
+      {"garbage\n", script, empty, "", 0},
+      {"<plist><array/></plist>", script, empty, "", 0},
+      {deep_xml + "</dict></plist>", script, empty, "", 0},
+      {ts::NestedBinaryArrays(200000), script, empty, "", 0},
+      {ts::NestedBinaryArrays(3, true), script, empty, "", 0},
+      // The library aborts on a NUL in a key: such files read empty; a
+      // binary string is cut at its NUL.
+      {BinaryPair("k", "ab" + nul + "cd"), script,
+       "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0},
+      {BinaryPair("k" + nul, "v"), script, empty, "", 0},
+      {"<plist><dict><key>k</key><string>a" + nul + "</string></dict></plist>", script, empty, "",
+       0},
+      {"<plist><dict><key>k&#0;</key><string>v</string></dict></plist>", script, empty, "", 0},
+      {"<plist><dict><key>k&#x000;</key><string>v</string></dict></plist>", script, empty, "", 0},
+      // Text that is not UTF-8 is repaired at read, so no key is lost at the write.
+      {latin1_xml, script,
+       "{\n    MachineID = \"ID-1\";\n    city = \"\xC3\xA9t\xC3\xA9\";\n    d = {\n"
+       "        \"k\xC3\xBF\" = \"v\xC3\xBF\";\n    };\n}\n"
+       R"({"MachineID": "ID-1", "city": "\u00e9t\u00e9", "d": {"k\u00ff": "v\u00ff"}, "n": 1})"
+       "\n",
+       "", 0},
+      {latin1_key, script,
+       "{\n    MachineID = \"ID-1\";\n    \"k\xC3\xA9\" = 7;\n}\n"
+       R"({"MachineID": "ID-1", "k\u00e9": 7, "n": 1})"
+       "\n",
+       "", 0},
+      // A nesting within the store's bound but past the dump's is shown cut short.
+      {deep_xml.substr(0, 25 + 100 * 7) + deep_xml.substr(deep_xml.size() - 100 * 8) +
+           "</dict></plist>",
+       "dflt read com.t | grep -c '[.][.][.]'", "1\n", "", 0},
+  };
+  for (const Row& row : rows) Check(row);
 }
 
 }  // namespace
