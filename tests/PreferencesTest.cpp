@@ -2,7 +2,6 @@
 // independent reader and writer, refused calls, damaged files, racing writers.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -176,130 +175,6 @@ TEST_F(PreferencesTest, DamagedFilesReadEmptyAndAreReplaced) {
     }
   }
   EXPECT_EQ("kept", Str("k", "other"));
-}
-
-// A domain file written by another tool with a Latin-1 string: the string is
-// repaired at read, and the next write of any key keeps every other key
-// (before, the library wrote the string as an object its own reader rejects,
-// and the replaced file read as an empty domain).
-TEST_F(PreferencesTest, TextThatIsNotUtf8IsRepairedAndNoKeyIsLost) {
-  const std::string xml =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-      "<key>MachineID</key><string>ID-1</string><key>obfuscate</key><integer>0</integer>"
-      "<key>city</key><string>\xE9t\xE9</string>"
-      "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
-  ASSERT_TRUE(testing_support::WriteFile(file_, xml));
-  EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
-  ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ("ID-1", Str("MachineID"));
-    EXPECT_EQ(0, Num("obfuscate"));
-    EXPECT_EQ(1, Num("send"));
-    EXPECT_EQ("\xC3\xA9t\xC3\xA9", Str("city"));
-    Pairs pairs;
-    EXPECT_TRUE(GetPreferenceDictionaryPairs("d", kDomain, &pairs, kMe, kAny));
-    EXPECT_EQ((Pairs{{"k\xC3\xBF", "v\xC3\xBF"}}), pairs);
-    ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
-  }
-}
-
-// A binary file whose trailer points outside the file reads as an empty
-// domain without the library ever seeing it; the next write replaces it.
-TEST_F(PreferencesTest, UnsoundBinaryTrailersReadEmpty) {
-  ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
-  std::string valid;
-  ASSERT_TRUE(testing_support::ReadFile(file_, &valid));
-  ASSERT_EQ("v", Str("k"));
-  // Trailer: 6 unused bytes, offset size, ref size, then three big-endian
-  // 64-bit numbers: object count, top object, offset-table position.
-  const auto with_trailer_byte = [&valid](std::size_t from_end, unsigned char byte) {
-    std::string bytes = valid;
-    bytes[bytes.size() - from_end] = static_cast<char>(byte);
-    return bytes;
-  };
-  for (const std::string& bad :
-       {with_trailer_byte(26, 0), with_trailer_byte(26, 9), with_trailer_byte(25, 0),
-        with_trailer_byte(24, 0xFF), with_trailer_byte(16, 0xFF), with_trailer_byte(8, 0x80),
-        with_trailer_byte(1, 0xFF), with_trailer_byte(1, 0), valid.substr(0, 39)}) {
-    ASSERT_TRUE(testing_support::WriteFile(file_, bad));
-    EXPECT_EQ("<none>", Str("k"));
-    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 5, kMe, kAny));
-    EXPECT_EQ(5, Num("n"));
-  }
-}
-
-TEST_F(PreferencesTest, DeeplyNestedFilesReadEmptyWithoutCrashing) {
-  std::string xml = "<plist><dict><key>k</key>";
-  for (int i = 0; i < 100000; ++i) xml += "<array>";
-  for (int i = 0; i < 100000; ++i) xml += "</array>";
-  xml += "</dict></plist>";
-  for (const std::string& bytes : {xml, testing_support::NestedBinaryArrays(200000)}) {
-    ASSERT_TRUE(testing_support::WriteFile(file_, bytes));
-    Names keys = {"stale"};
-    EXPECT_TRUE(GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
-    EXPECT_EQ(Names{}, keys);
-    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
-    EXPECT_EQ(1, Num("n"));
-  }
-}
-
-// NUL characters, on which the library aborts when it copies a string or a
-// key: a binary string value is cut at its NUL; a binary key holding one, or
-// an XML file holding one (raw or as a reference), reads as an empty domain.
-TEST_F(PreferencesTest, NulCharactersNeverReachTheLibrarysCopies) {
-  // {key: value} with 1-byte offsets and references; key and value are
-  // ASCII string objects.
-  const auto binary = [](const std::string& key, const std::string& value) {
-    std::string bytes = "bplist00\xD1\x01\x02";
-    const std::size_t key_at = bytes.size();
-    bytes += static_cast<char>(0x50 + key.size()) + key;
-    const std::size_t value_at = bytes.size();
-    bytes += static_cast<char>(0x50 + value.size()) + value;
-    const std::size_t table = bytes.size();
-    bytes += std::string(1, '\x08') + static_cast<char>(key_at) + static_cast<char>(value_at);
-    bytes += std::string(6, '\0') + "\x01\x01";
-    for (const std::size_t field : {std::size_t{3}, std::size_t{0}, table}) {
-      bytes += std::string(7, '\0') + static_cast<char>(field);
-    }
-    return bytes;
-  };
-  const std::string nul(1, '\0');
-  const struct Case {
-    std::string file;
-    const char* key;
-    const char* value;
-  } cases[] = {
-      {binary("k", "ab"), "k", "ab"},
-      {binary("k", "ab" + nul + "cd"), "k", "ab"},
-      {binary("k" + nul, "v"), "k", "<none>"},
-      {"<plist><dict><key>k</key><string>ab" + nul + "cd</string></dict></plist>", "k", "<none>"},
-      {"<plist><dict><key>k&#0;</key><string>v</string></dict></plist>", "k", "<none>"},
-      {"<plist><dict><key>k&#x000;</key><string>v</string></dict></plist>", "k", "<none>"},
-  };
-  for (const Case& c : cases) {
-    ASSERT_TRUE(testing_support::WriteFile(file_, c.file));
-    Names keys;
-    EXPECT_TRUE(GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
-    EXPECT_EQ(c.value, Str(c.key)) << c.file.size();
-    ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 1, kMe, kAny));
-    EXPECT_EQ(c.value, Str(c.key)) << c.file.size();
-  }
-}
-
-// A FIFO at the domain file or at its lock file: reads see an empty domain
-// and writes fail, at once.
-TEST_F(PreferencesTest, FifosReadEmptyAndRefuseWritesWithoutBlocking) {
-  ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
-  for (const std::string& fifo : {file_, file_ + ".lock"}) {
-    ASSERT_EQ(0, ::unlink(fifo.c_str()));
-    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
-    if (fifo == file_) {
-      EXPECT_EQ("<none>", Str("k"));
-    }
-    EXPECT_FALSE(SetPreferenceString("k", kDomain, "w", kMe, kAny));
-    ASSERT_EQ(0, ::unlink(fifo.c_str()));
-    ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
-  }
 }
 
 TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKey) {

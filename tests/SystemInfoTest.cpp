@@ -1,5 +1,6 @@
-// The system probes: the LaunchServices handler walk over lists written by
-// python's plistlib, the XDG fallback, the probe sources and their defaults.
+// The system probes: the browser probe's answer and its XDG fallback (the
+// handler walk is driven through lumetry-sysinfo), the probe sources and
+// their defaults.
 #include <gtest/gtest.h>
 
 #include "SystemInfo.h"
@@ -28,36 +29,13 @@ class BrowserTest : public ::testing::Test {
   ScopedEnv configDirs_, dataDirs_, configHome_, dataHome_;
 };
 
-TEST_F(BrowserTest, WalksTheHandlerList) {
-  const std::pair<std::string, std::string> cases[] = {
-      // Skipped in turn: another scheme, an upper-case scheme, no role
-      // handler, an empty one, no dictionary, no string. The first usable
-      // entry wins and its handler is kept as written.
-      {R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
-           {"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"},
-           {"LSHandlerURLScheme": "http", "LSHandlerRoleViewer": "com.a"},
-           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": ""}, "not a dictionary",
-           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": 5},
-           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "Org.Mozilla.FIREFOX"},
-           {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.c"}])",
-       "Org.Mozilla.FIREFOX"},
-      {R"([{"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"}])", ""},
-      {R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.a"})", ""},  // not a list
-  };
-  bool binary = false;
-  for (const auto& [handlers, expected] : cases) {
-    WriteHandlers(handlers, binary = !binary);
-    std::string browser = "preset", second = "preset";
-    EXPECT_EQ(GetDefaultBrowser(&browser, &second), !expected.empty()) << handlers;
-    EXPECT_EQ(browser, expected.empty() ? "com.apple.safari" : expected) << handlers;
-    EXPECT_EQ(second, "");
-  }
-}
-
 TEST_F(BrowserTest, FallsBackToTheXdgDefault) {
-  std::string browser, second;
-  EXPECT_FALSE(GetDefaultBrowser(&browser, &second));  // no handler list at all
+  // A handler list without a usable entry, and no XDG default either.
+  WriteHandlers(R"([{"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"}])", false);
+  std::string browser = "preset", second = "preset";
+  EXPECT_FALSE(GetDefaultBrowser(&browser, &second));
   EXPECT_EQ(browser, "com.apple.safari");
+  EXPECT_EQ(second, "");
 
   // Only [Default Applications] counts; the first entry of a list is taken.
   ASSERT_TRUE(WriteFile(home_.path() + "/etc/mimeapps.list",
