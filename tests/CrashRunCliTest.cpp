@@ -1,6 +1,5 @@
-// The crash-processor and ulog-decode run as built under a temporary HOME (exit
-// statuses, the exact bytes of the usage logs, the session files left, the
-// diagnostic log), and the few pieces of the crash run no run can reach.
+// The crash-processor and ulog-decode run as built under a temporary HOME, and
+// the few pieces of the crash run that no run can reach.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -35,13 +34,11 @@ std::string Info(const std::string& n, const std::string& pid = "1234") {
 
 class CrashRunTest : public ::testing::Test {
  protected:
-  std::string SessionDir() const {
-    return home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo/";
-  }
-  std::string LogDir() const { return home_.Library() + "/Logs/Quorvik/LogCourier2QX/"; }
+  std::string Dir(const char* sub) const { return home_.Library() + "/Logs/Quorvik/" + sub; }
+  std::string SessionDir() const { return Dir("LumetryQX/SessionInfo/"); }
+  std::string LogDir() const { return Dir("LogCourier2QX/"); }
   void Plant(const std::string& name) { ASSERT_TRUE(WriteFile(SessionDir() + name, "")); }
-  int Run(const Strings& args = {"Prod", "1234"},
-          const std::string& program = CRASH_PROCESSOR_PATH) {
+  int Run(const Strings& args = {"Prod", "1234"}, const char* program = CRASH_PROCESSOR_PATH) {
     Strings argv = {program};
     argv.insert(argv.end(), args.begin(), args.end());
     const RunResult result = RunProgram(argv);
@@ -67,28 +64,17 @@ class CrashRunTest : public ::testing::Test {
   ScopedHome home_;
 };
 
-// One run per row: arguments, planted session files and the "obfuscate"
-// preference in; status, logs {file, session id, family, product} and the
-// session files left out. A log name ending in '.' gets the form "obfuscate" picks.
-struct CliCase {
-  const char* label;
-  Strings args, planted;
-  int obf;  // kNoPref, kStrPref or the number stored
-  bool logDir;
-  int status;
-  std::vector<Strings> logs;
-  Strings left;
-};
-constexpr int kNoPref = -100, kStrPref = -101;
-const std::string kP = Info("1"), kP9 = Info("9", "77");
-const Strings kLog1 = {LogName("1"), "S1", "Fam", "Name"},
-              kLog9 = {LogName("9", "."), "S9", "Fam", "Name"};
-const std::string kA = "1_F_N_SA_KA_x_y_Prod.77", kB = "2_F_N_SB_KB_x_y_Prod.77",
-                  kX = "77_b_c_d_e_f_g_h_Prod", kC = "3_F_N_SC_KC_x_y_Prod.78",
-                  kD = "4_F_N_SD_KD_x_y_Other.77";
-const std::vector<Strings> kLogAB = {{LogName("A"), "SA", "F", "N"},
-                                     {LogName("B"), "SB", "F", "N"}};
+// One run per row: arguments, planted session files and "obfuscate" in; status, logs {file,
+// session id, family, product} (a name ending in '.' gets the form "obfuscate" picks), files left.
 // clang-format off
+struct CliCase {
+  const char* label; Strings args, planted; int obf; bool logDir; int status; std::vector<Strings> logs; Strings left;
+};
+constexpr int kNoPref = -100, kStrPref = -101;  // obf: these, or the number stored
+const std::string kP = Info("1"), kP9 = Info("9", "77"), kA = "1_F_N_SA_KA_x_y_Prod.77", kB = "2_F_N_SB_KB_x_y_Prod.77",
+                  kX = "77_b_c_d_e_f_g_h_Prod", kC = "3_F_N_SC_KC_x_y_Prod.78", kD = "4_F_N_SD_KD_x_y_Other.77";
+const Strings kLog1 = {LogName("1"), "S1", "Fam", "Name"}, kLog9 = {LogName("9", "."), "S9", "Fam", "Name"};
+const std::vector<Strings> kLogAB = {{LogName("A"), "SA", "F", "N"}, {LogName("B"), "SB", "F", "N"}};
 const CliCase kCliCases[] = {
     {"no arguments", {}, {}, kNoPref, false, 255, {}, {}},
     {"one argument", {"Prod"}, {}, kNoPref, false, 255, {}, {}},
@@ -236,7 +222,7 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
                               ::link(held.c_str(), (LogDir() + LogName("3")).c_str()) == 0 &&
                               ::symlink(target.c_str(), (LogDir() + LogName("4")).c_str()) == 0));
     Plant(Info(n));
-    EXPECT_EQ(Run({"Prod", "1234"}, program), 0);
+    EXPECT_EQ(Run({"Prod", "1234"}, program.c_str()), 0);
   }
   ::close(holder);
   EXPECT_EQ(Contents(held) + Contents(target), "keepkeep");
@@ -245,36 +231,34 @@ TEST_F(CrashRunTest, CopiedProgramWithConfigKeepsADiagnosticLog) {
     std::string path = LogDir() + LogName(n);
     expected += "214 MiniSession::CreateCrashFile\n";
     if (*n == '2') expected += "176 MiniSession::Write: " + path + "\n156 MiniSession::Write\n";
-    for (int i = 0; i < 10;
-         ++i, path += "/" + LogName(n))  // each failed open is retried one level down
+    // Each failed open is retried one level down.
+    for (int i = 0; i < 10; ++i, path += "/" + LogName(n))
       expected += *n == '2' ? "201 MiniSession::Write\n"
                             : "176 MiniSession::Write: " + path + "\n182 MiniSession::Write\n";
   }
   static const std::regex kLine(
       R"(\[DEBUG\] \| PID:\d+ \| TIME:\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ \| VALUE:(.*) \| DETAIL:File:Utility/src/MiniSession LINE:(\d+))");
-  const std::string log =
-      Contents(home_.Library() + "/Logs/Quorvik/LumetryQX/VxLog-LogSession.txt");
+  const std::string log = Contents(Dir("LumetryQX/VxLog-LogSession.txt"));
   EXPECT_EQ(std::regex_replace(log, kLine, "$2 $1"), expected);
 }
 
 // What no run reaches: refusals of empty inputs, values no file name can hold,
 // the raw writer's refusals, a trailing separator, and every byte's scrambling.
 TEST(CrashRunPieces, RefusalsAndRawWrites) {
-  Strings names = {"stale"};
-  EXPECT_FALSE(CrashProcessor::FindSessionInfoFiles("/nonexistent", "Prod", "1", &names));
-  EXPECT_TRUE(names.empty());
-  EXPECT_FALSE(CrashProcessor::CreateCrashLogs("", "Prod", {"1_F_N_S_K_x_y_Prod"}, true));
-  EXPECT_FALSE(CrashProcessor::CreateCrashLogs("/nonexistent/", "Prod", {}, true));
-  for (const std::string& v : {std::string(), std::string("\0t", 2)})
-    EXPECT_EQ(UsageDoc::EscapeAttributeValue(v), "NOVALUE");
+  Strings names = {"stale"};  // cleared
+  EXPECT_TRUE(!CrashProcessor::FindSessionInfoFiles("/nonexistent", "Prod", "1", &names) &&
+              names.empty());
+  EXPECT_FALSE(CrashProcessor::CreateCrashLogs("", "Prod", {"1_F_N_S_K_x_y_Prod"}, true) ||
+               CrashProcessor::CreateCrashLogs("/nonexistent/", "Prod", {}, true));
+  EXPECT_EQ(UsageDoc::EscapeAttributeValue("") + UsageDoc::EscapeAttributeValue({"\0t", 2}),
+            "NOVALUENOVALUE");
   EXPECT_EQ(UsageDoc::FormatTime(1794711069), "2026-11-15T02:51:09Z");
 
   ScopedTempDir dir;
   MiniSession session(dir.path() + "/", "LumetryQX", "AppCrash", "S7", "K7", true);
   EXPECT_EQ(-1, session.Write(nullptr));
   EXPECT_EQ(-2, MiniSession(dir.Sub("absent"), "L", "A", "S", "K", true).Write("x"));
-  EXPECT_EQ(0, session.Write("ab\xff"));  // 0xFF is U+00FF, C3 BF
-  EXPECT_EQ(0, session.Write("c"));
+  EXPECT_TRUE(session.Write("ab\xff") == 0 && session.Write("c") == 0);  // 0xFF is U+00FF, C3 BF
   EXPECT_EQ(dir.Sub(LogName("7")), session.path());
   EXPECT_EQ(std::string(kMarker) + "23\xc3\xbf" + "4", Contents(session.path()));
   std::string all(1, '\0');
@@ -289,11 +273,9 @@ TEST(CrashRunPieces, RefusalsAndRawWrites) {
 TEST(DecodeTool, Runs) {
   const std::string doc =
       "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n\n<UsageDoc version=\"0.5.5\">\n";
-  const std::string rot =
-      "knI>= G6CD:@?lQ`]_Q 6?4@5:?8lQFE7\\gQnm\n\nk&D286s@4 G6CD:@?lQ_]d]dQm\n";  // by hand
   ScopedTempDir d;
-  ASSERT_TRUE(WriteFile(d.Sub("a.rdy"), kMarker + rot) && WriteFile(d.Sub("b.xml"), doc) &&
-              WriteFile(d.Sub("bad.rdy"), "K-Q$mw#$zRTd8pofupiX" + rot) &&
+  ASSERT_TRUE(WriteFile(d.Sub("a.rdy"), kMarker + Rot47(doc)) && WriteFile(d.Sub("b.xml"), doc) &&
+              WriteFile(d.Sub("bad.rdy"), "K-Q$mw#$zRTd8pofupiX" + Rot47(doc)) &&
               WriteFile(d.Sub("short.rdy"), "K-Q$"));
   // Files; stderr, or for a bad file the name its one line starts with.
   const std::pair<Strings, std::string> cases[] = {
@@ -317,10 +299,8 @@ TEST(DecodeTool, Runs) {
   }
 }
 
-// A position-independent executable whose only shared objects are the C library
-// and libplist (the C++ runtime, libgcc, Expat and libuuid linked in), so start-up
-// maps and resolves no more than the run needs; a sanitizer build keeps the C++
-// runtime shared, as its own runtime expects.
+// Position-independent, sharing only the C library and libplist so start-up maps no more
+// than the run needs (a sanitizer build keeps its C++ runtime shared).
 TEST(CrashProcessorLink, PositionIndependentWithOnlyTheSharedLibrariesItMust) {
   const RunResult r = RunProgram({"/usr/bin/readelf", "-hld", CRASH_PROCESSOR_PATH}, {"LC_ALL=C"});
   EXPECT_TRUE(r.out.find("Type:                              DYN ") != std::string::npos &&

@@ -69,10 +69,6 @@ class SessionSweepTest : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return pid;
   }
-  static void Kill(pid_t pid) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-  }
   ts::ScopedHome home_;
   ts::ScopedEnv sanitizer_{"ASAN_OPTIONS", "handle_segv=0:detect_leaks=0"};
 };
@@ -80,8 +76,7 @@ class SessionSweepTest : public ::testing::Test {
 TEST_F(SessionSweepTest, KilledHostsAreLoggedOnceLiveAndEndedOnesNever) {
   // A crash the hook handled, then its log taken away; a clean end; a live host.
   Host({"--signal", "segv", "--session-id", "Crashed"}, SIGSEGV);
-  ASSERT_EQ(1u, Spool().size());
-  ASSERT_EQ(0, ::unlink((SpoolDir() + "/" + Spool()[0]).c_str()));
+  ASSERT_TRUE(Spool().size() == 1 && ::unlink((SpoolDir() + "/" + Spool()[0]).c_str()) == 0);
   Host({"--signal", "segv", "--session-id", "Ended", "--end-first"}, SIGSEGV);
   const pid_t live = LiveHost();
   const Strings liveFiles = ts::ListNames(SessionDir());
@@ -93,7 +88,8 @@ TEST_F(SessionSweepTest, KilledHostsAreLoggedOnceLiveAndEndedOnesNever) {
   Host({"--signal", "kill", "--session-id", "Killed"}, SIGKILL);
   const std::string forked =
       Host({"--signal", "kill", "--session-id", "Forked", "--leave-child"}, SIGKILL);
-  Kill(live);
+  ::kill(live, SIGKILL);
+  ::waitpid(live, nullptr, 0);
   EXPECT_EQ(3u, Sweep());
   EXPECT_EQ(0u, Sweep());
   EXPECT_EQ(Strings{}, ts::ListNames(SessionDir()));
@@ -101,8 +97,7 @@ TEST_F(SessionSweepTest, KilledHostsAreLoggedOnceLiveAndEndedOnesNever) {
                      "ulog_LumetryQX_AppCrash_K1_Forked_0.rdy",
                      "ulog_LumetryQX_AppCrash_K1_Killed_0.rdy"}),
             Spool());
-  ::kill(static_cast<pid_t>(std::stol(forked.substr(forked.rfind('\n', forked.size() - 2) + 1))),
-         SIGKILL);
+  ::kill(std::stoi(forked.substr(forked.rfind('\n', forked.size() - 2) + 1)), SIGKILL);
 }
 
 // Planted files of hosts that write their own: a gone pid is logged (plain,
@@ -132,7 +127,8 @@ TEST_F(SessionSweepTest, PlantedFilesAndRacingSweeps) {
   EXPECT_EQ(200u, swept[0] + swept[1] + swept[2]);
   EXPECT_EQ(2u, ts::ListNames(SessionDir()).size());  // mine and the live host's
   EXPECT_EQ(201u, Spool().size());
-  Kill(live);
+  ::kill(live, SIGKILL);
+  ::waitpid(live, nullptr, 0);
 }
 
 }  // namespace
