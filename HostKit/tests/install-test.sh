@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
-# Installs a build tree into a temporary prefix and uses the host kit from
-# outside the project under a temporary HOME: the subproject's consumer in C
-# through pkg-config (shared and static) and in C++ through the CMake package,
-# and the installed lumetry-crashdemo crashing beside the installed
-# crash-processor. Usage: install-test.sh BUILD_DIR
+# Usage: install-test.sh BUILD_DIR. The installed kit used from outside under a
+# temporary HOME: the subproject's consumer in C through pkg-config (shared and
+# static) and in C++ through the CMake package; the installed demo crashing.
 set -euo pipefail
 build="$1"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 export HOME="$work/home"
-mkdir -p "$HOME"
+mkdir -p "$HOME" "$work/cmake-project"
 fail() { echo "install-test: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -23,15 +21,13 @@ cp "$work/consumer.c" "$work/consumer.cpp"
 build_c() { cc -std=c17 -Wall -Wextra -Werror -o "$work/$1" "$work/consumer.c" "${@:2}"; }
 
 build_c consumer-shared $(pkg-config --cflags --libs lumetry-host)
-# Captured first: under pipefail, "ldd | grep -q" fails when grep stops
-# reading at its match and ldd dies of SIGPIPE.
+# Captured first: under pipefail, "ldd | grep -q" can die of SIGPIPE.
 linked="$(ldd "$work/consumer-shared")"
 [[ "$linked" == *liblumetry-host.so* ]] || fail "not linked to the shared library"
 [ "$(LD_LIBRARY_PATH="$libdir" "$work/consumer-shared" go)" = "consumer ok" ] || fail "shared"
 build_c consumer-static $(pkg-config --cflags lumetry-host) "$libdir/liblumetry-host.a"
 [ "$("$work/consumer-static" go)" = "consumer ok" ] || fail "static consumer"
 
-mkdir -p "$work/cmake-project"
 cat > "$work/cmake-project/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.16)
 project(HostKitConsumer LANGUAGES CXX)

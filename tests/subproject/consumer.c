@@ -1,6 +1,5 @@
-/* A host application of the kit, answering through its exit status: no
- * session is open yet; given an argument, it opens and ends one and refuses
- * a bad piece (a missing header or library fails its build). */
+/* A host application of the kit, answering through its exit status: no session yet;
+ * given an argument, it refuses a bad piece, then opens and ends a session. */
 #include <errno.h>
 #include <lumetry/host.h>
 #include <stdio.h>
