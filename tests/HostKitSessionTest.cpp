@@ -1,6 +1,8 @@
 // Host sessions in this process under a temporary HOME, and the naming rule read
 // back with the crash processor's parser.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,6 +49,9 @@ TEST_F(HostKitSessionTest, PrivateDirectoriesOneSessionFileAndACleanEnd) {
     EXPECT_EQ(names[0].rfind(token, 0), 0u) << names[0];
     EXPECT_EQ(lumetry_host_session_path(), SessionDir() + "/" + names[0]);
     EXPECT_EQ(ts::FileMode(SessionDir() + "/" + names[0]), 0600);
+    const int fd = ::open(lumetry_host_session_path(), O_RDONLY | O_CLOEXEC);
+    EXPECT_NE(::flock(fd, LOCK_EX | LOCK_NB), 0);  // the session holds its lock
+    ::close(fd);
     ASSERT_EQ(lumetry_host_end(), 0);
     EXPECT_EQ(ts::ListNames(SessionDir()), Strings{});
     EXPECT_EQ(lumetry_host_session_path(), nullptr);
