@@ -1,18 +1,14 @@
 #!/usr/bin/env bash
-# Installs a build tree into a temporary prefix and uses the host kit from
-# outside the project, as a host application's build would: a C program
-# through pkg-config (shared and static), a C++ program through the CMake
-# package, and the installed lumetry-crashdemo crashing beside the installed
-# crash-processor. Everything runs under a temporary HOME.
-# Usage: install-test.sh BUILD_DIR
+# Usage: install-test.sh BUILD_DIR. The installed kit used from outside under a
+# temporary HOME: the subproject's consumer in C through pkg-config (shared and
+# static) and in C++ through the CMake package; the installed demo crashing.
 set -euo pipefail
 build="$1"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 export HOME="$work/home"
-mkdir -p "$HOME"
-
+mkdir -p "$HOME" "$work/cmake-project"
 fail() { echo "install-test: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -20,47 +16,18 @@ pc="$(find "$prefix" -name lumetry-host.pc)"
 [ -n "$pc" ] || fail "no lumetry-host.pc installed"
 export PKG_CONFIG_PATH="$(dirname "$pc")"
 libdir="$(pkg-config --variable=libdir lumetry-host)"
-
-# Opens and ends a session; refuses a bad piece; answers through exit codes
-# (a missing header or library fails its build).
-cat > "$work/consumer.c" <<'C'
-#include <errno.h>
-#include <stdio.h>
-#include <unistd.h>
-
-#include <lumetry/host.h>
-
-int main(void) {
-  const lumetry_host_session bad = {"Fam", "Na_me", "S1", "K1", "Prod"};
-  if (lumetry_host_begin(&bad) != -EINVAL) return 10;
-  const lumetry_host_session good = {"Fam", "Name", "S1", "K1", "Prod"};
-  if (lumetry_host_begin(&good) != 0) return 11;
-  const char *path = lumetry_host_session_path();
-  if (path == NULL || access(path, F_OK) != 0) return 12;
-  if (lumetry_host_end() != 0) return 13;
-  if (access(path, F_OK) == 0) return 14;
-  puts("consumer ok");
-  return 0;
-}
-C
+cp "$(dirname "$0")/../../tests/subproject/consumer.c" "$work/consumer.c"
 cp "$work/consumer.c" "$work/consumer.cpp"
+build_c() { cc -std=c17 -Wall -Wextra -Werror -o "$work/$1" "$work/consumer.c" "${@:2}"; }
 
-# C through pkg-config, linked against the shared library.
-cc -std=c17 -Wall -Wextra -Werror -o "$work/consumer-shared" "$work/consumer.c" \
-  $(pkg-config --cflags --libs lumetry-host)
-# Captured first: under pipefail, "ldd | grep -q" fails when grep stops
-# reading at its match and ldd dies of SIGPIPE.
+build_c consumer-shared $(pkg-config --cflags --libs lumetry-host)
+# Captured first: under pipefail, "ldd | grep -q" can die of SIGPIPE.
 linked="$(ldd "$work/consumer-shared")"
 [[ "$linked" == *liblumetry-host.so* ]] || fail "not linked to the shared library"
-[ "$(LD_LIBRARY_PATH="$libdir" "$work/consumer-shared")" = "consumer ok" ] || fail "shared consumer"
+[ "$(LD_LIBRARY_PATH="$libdir" "$work/consumer-shared" go)" = "consumer ok" ] || fail "shared"
+build_c consumer-static $(pkg-config --cflags lumetry-host) "$libdir/liblumetry-host.a"
+[ "$("$work/consumer-static" go)" = "consumer ok" ] || fail "static consumer"
 
-# C through pkg-config, linked statically.
-cc -std=c17 -Wall -Wextra -Werror -o "$work/consumer-static" "$work/consumer.c" \
-  $(pkg-config --cflags lumetry-host) "$libdir/liblumetry-host.a"
-[ "$("$work/consumer-static")" = "consumer ok" ] || fail "static consumer"
-
-# C++ through the CMake package.
-mkdir -p "$work/cmake-project"
 cat > "$work/cmake-project/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.16)
 project(HostKitConsumer LANGUAGES CXX)
@@ -70,13 +37,11 @@ target_link_libraries(consumer PRIVATE Lumetry::host)
 CMAKE
 cmake -S "$work/cmake-project" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-[ "$("$work/cmake-build/consumer")" = "consumer ok" ] || fail "CMake consumer"
+[ "$("$work/cmake-build/consumer" go)" = "consumer ok" ] || fail "CMake consumer"
 
 # The installed demo finds the installed crash processor beside itself.
-set +e
-"$prefix/bin/lumetry-crashdemo" --crash segv >/dev/null 2>&1
-status=$?
-set -e
+status=0
+"$prefix/bin/lumetry-crashdemo" --crash segv >/dev/null 2>&1 || status=$?
 [ "$status" -eq 139 ] || fail "lumetry-crashdemo --crash segv exited $status, not 139 (SIGSEGV)"
 logs=("$HOME"/Library/Logs/Quorvik/LogCourier2QX/ulog_LumetryQX_AppCrash_CDEMO_DEMO-*_0.rdy)
 [ "${#logs[@]}" -eq 1 ] && [ -f "${logs[0]}" ] || fail "no crash log from the installed demo"
