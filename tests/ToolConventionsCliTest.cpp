@@ -57,11 +57,23 @@ else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
   return run;
 }
 
+// Expected texts abbreviate: %D and %C the tools' message prefixes, %U and %V
+// their usage hints, %L the default server address.
+std::string Expand(std::string text) {
+  for (const auto& [from, to] : {std::pair<const char*, const char*>{"%D", "lumetry-defaults: "},
+                                 {"%C", "logcourier-config: "},
+                                 {"%U", "\nTry 'lumetry-defaults --help'.\n"},
+                                 {"%V", "\nTry 'logcourier-config --help'.\n"},
+                                 {"%L", "https://lumetry.quorvik.com/lumetry"}})
+    text = Replace(text, from, to);
+  return text;
+}
+
 void Check(const Row& row) {
   SCOPED_TRACE(row.script);
   const ts::RunResult run = Run(row.script, row.plant);
-  EXPECT_EQ(row.out, run.out);
-  EXPECT_EQ(row.err, run.err);
+  EXPECT_EQ(Expand(row.out), run.out);
+  EXPECT_EQ(Expand(row.err), run.err);
   EXPECT_EQ(row.status, run.status);
 }
 
@@ -153,6 +165,46 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
   for (const Row& row : rows) Check(row);
 }
 
+// logcourier-config shows a settings file (refused values named, each with the
+// value used instead) and never changes it; without --file the user's copy is
+// found, here created.
+TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
+  const std::string mine =
+      "printf '[settings]\\nmaxretries=9\\nmaxdiskspace=50\\nurl=http://up.quorvik.com/b\\n"
+      "[ulog]\\nstatus=Hibernate\\nwakeupdate=2001-01-01\\n[hibernate]\\nb_2=y\\na_1=x|2999-01-"
+      "01\\n' >c; cp c o; ";
+  const std::string bad =
+      "printf '[settings]\\nmaxdiskspace=99999\\nretryinterval=0\\nmaxretries=5\\n"
+      "url=https://evil.example.org/x\\n[ulog]\\nstatus=kill\\n' >c; ";
+  const std::string u = "http://up.quorvik.com/b";
+  const std::string refused =
+      "%Cc: maxdiskspace=99999 refused (accepted 5..100), using 10\n%Cc: "
+      "retryinterval=0 refused (accepted 1..60), using 10\n%Cc: url=https://evil.example.org/x "
+      "refused (not an allowed server address), using %L\n%Cc: status=kill refused (accepted "
+      "Active, Kill, Hibernate), using Active\n";
+  const Row rows[] = {
+      {"", mine + "logcourier-config --file c && cmp c o",
+       "file: c\nmaxDiskSpace: 50\nretryInterval: 10\nmaxRetries: 3\nserverUrl: " + u +
+           "\nuploadUrl: " + u + "/UploadFile/\nconfigUrl: " + u + "/GetConfig/\ntarvixUrl: " + u +
+           "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
+       "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
+      {"", bad + "logcourier-config --file c | sed -n '/^maxR/,/^serverU/p'",
+       "maxRetries: 5\nserverUrl: %L\n", refused, 0},
+      {"", bad + "logcourier-config --json --file c",
+       R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L","uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/","status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999","reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":"accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x","reason":"not an allowed server address","using":"%L"},{"key":"status","value":"kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
+       "\n",
+       refused, 0},
+      {"", "logcourier-config | head -1",
+       "file: ~/Library/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg\n", "", 0},
+      {"", ": >f; HOME=$PWD/f logcourier-config", "",
+       "%Ccannot find or create the user's configuration directory\n", 1},
+      {"", "logcourier-config --file", "", "%Coption '--file' requires an argument%V", 2},
+      {"", "logcourier-config --file=", "", "%C--file needs a non-empty path%V", 2},
+      {"", "logcourier-config stray", "", "%Cunexpected argument 'stray'%V", 2},
+  };
+  for (const Row& row : rows) Check(row);
+}
+
 TEST(ToolConventionsCliTest, DefaultsEveryVerbInEveryScope) {
   for (const auto& [flags, file] : std::vector<std::pair<std::string, std::string>>{
            {"", "~/Library/Preferences/com.t.plist"},
@@ -182,12 +234,10 @@ TEST(ToolConventionsCliTest, DefaultsEveryVerbInEveryScope) {
   }
 }
 
-const char kUsage[] = "\nTry 'lumetry-defaults --help'.\n";
-const std::string kNotDictionary = ": not a property list holding a dictionary\n";
-const std::string kNoDictionary = "lumetry-defaults: x" + kNotDictionary;
-const std::string kStore = "lumetry-defaults: ~/Library/Preferences/com.t.plist: cannot store ";
-
 TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
+  const std::string kNotDict = ": not a property list holding a dictionary\n";
+  const std::string kStore = "%D~/Library/Preferences/com.t.plist: cannot store ";
+  const std::string kUnwritable = " (invalid text or unwritable file)\n";
   const std::string json = R"({"arr": [1, "two", {"k": "v"}], "b": true, "big": 1099511627776, )"
                            R"("r": 1.5, "s": "caf\u00e9 \"q\""})";
   const std::string exchange =
@@ -234,40 +284,31 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
        "any user, any host: ~/system/com.t.plist\nany user, current host: "
        "~/system/ByHost/com.t.HOST.plist\n",
        "", 0},
-      {"", "dflt", "", std::string("lumetry-defaults: no verb given") + kUsage, 2},
-      {"", "dflt frob", "", std::string("lumetry-defaults: unknown verb 'frob'") + kUsage, 2},
-      {"", "dflt read a b c", "",
-       std::string("lumetry-defaults: wrong number of arguments for 'read'") + kUsage, 2},
+      {"", "dflt", "", "%Dno verb given%U", 2},
+      {"", "dflt frob", "", "%Dunknown verb 'frob'%U", 2},
+      {"", "dflt read a b c", "", "%Dwrong number of arguments for 'read'%U", 2},
       {"", "dflt write com.t k", "",
-       "lumetry-defaults: usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY "
-       "(-string S | -int N))" +
-           std::string(kUsage),
+       "%Dusage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))%U",
        2},
       {"", "dflt write com.t k -int 2147483648", "",
-       "lumetry-defaults: -int needs a signed 32-bit integer, not '2147483648'" +
-           std::string(kUsage),
-       2},
-      {"", "dflt write com.t k -int 1 -string s", "",
-       "lumetry-defaults: give -string or -int, not both" + std::string(kUsage), 2},
-      {"", "dflt read com.t -string s", "",
-       "lumetry-defaults: -string, -int and -dict-add belong to 'write'" + std::string(kUsage), 2},
-      {"", "dflt read a/b", "", "lumetry-defaults: 'a/b' is not a valid domain name\n", 1},
+       "%D-int needs a signed 32-bit integer, not '2147483648'%U", 2},
+      {"", "dflt write com.t k -int 1 -string s", "", "%Dgive -string or -int, not both%U", 2},
+      {"", "dflt read com.t -string s", "", "%D-string, -int and -dict-add belong to 'write'%U", 2},
+      {"", "dflt read a/b", "", "%D'a/b' is not a valid domain name\n", 1},
       {"", "dflt delete \"$(printf 'com.\\351')\" k", "",
-       "lumetry-defaults: 'com.\xE9' is not a valid domain name\n", 1},
-      {"", "dflt write com.t \"$(printf 'k\\377')\" v", "",
-       kStore + "'k\xFF' (invalid text or unwritable file)\n", 1},
-      {"", "pl x '[]'; dflt import com.t x", "", kNoDictionary, 1},
-      {"", "echo junk >x; dflt import com.t x", "", kNoDictionary, 1},
-      {"", ": >x; dflt import com.t x", "", kNoDictionary, 1},
-      {"", "printf 'bplist00\\377\\377' | dflt import com.t -", "",
-       "lumetry-defaults: standard input" + kNotDictionary, 1},
+       "%D'com.\xE9' is not a valid domain name\n", 1},
+      {"", "dflt write com.t \"$(printf 'k\\377')\" v", "", kStore + "'k\xFF'" + kUnwritable, 1},
+      {"", "pl x '[]'; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"", "echo junk >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"", ": >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"", "printf 'bplist00\\377\\377' | dflt import com.t -", "", "%Dstandard input" + kNotDict,
+       1},
       // A FIFO at the domain file or at its lock: refused at once, never waited on.
       {"", "mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
-       kStore + "'k' (invalid text or unwritable file)\n", 1},
-      {"", "mkfifo $P/com.t.plist.lock; dflt write com.t k v", "",
-       kStore + "'k' (invalid text or unwritable file)\n", 1},
+       kStore + "'k'" + kUnwritable, 1},
+      {"", "mkfifo $P/com.t.plist.lock; dflt write com.t k v", "", kStore + "'k'" + kUnwritable, 1},
       {"", "dflt write com.t k v && dflt export com.t none/x", "",
-       "lumetry-defaults: none/x: No such file or directory\n", 1},
+       "%Dnone/x: No such file or directory\n", 1},
   };
   for (const Row& row : rows) Check(row);
 }
