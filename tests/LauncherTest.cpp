@@ -46,24 +46,21 @@ TEST_F(LauncherTest, LocatesTheUploader) {
   MakeApp("Host.app/Contents/MacOS/LogCourier2.app");
   MakeApp("Shared/LogCourier2.app");
   MakeApp("LogCourier2.app");
-  struct Case {
-    const char *hintDir, *bundle, *app;
-  } cases[] = {
-      // The host's Contents/MacOS copy, found from a hint in its Resources.
+  // The host's Contents/MacOS copy, found from a hint in its Resources; the
+  // hint comes first; a copy's own bundle holds no nested copy.
+  const char* const cases[][3] = {
       {"Host.app/Contents/Resources/", "Plain", "Host.app/Contents/MacOS/LogCourier2.app"},
-      {"Shared/", "Host.app", "Shared/LogCourier2.app"},  // the hint comes first
+      {"Shared/", "Host.app", "Shared/LogCourier2.app"},
       {"Elsewhere/", "Host.app", "Host.app/Contents/MacOS/LogCourier2.app"},
-      {"Elsewhere/", "LogCourier2.app", ""},  // its own bundle holds no nested copy
-  };
-  for (const Case& c : cases) {
-    SetUploaderLocationHint(tree_.Sub(c.hintDir).c_str());
+      {"Elsewhere/", "LogCourier2.app", ""}};
+  for (const auto& [hintDir, bundle, found] : cases) {
+    SetUploaderLocationHint(tree_.Sub(hintDir).c_str());
     SetUploaderLocationHint(nullptr);  // changes nothing
-    bundle_.Set(tree_.Sub(c.bundle));
-    std::string app = *c.app ? tree_.Sub(c.app) : "";
-    EXPECT_EQ(LocateUploaderExecutable(), *c.app ? app + "/Contents/MacOS/LogCourier2" : "")
-        << c.hintDir << " " << c.bundle;
-    EXPECT_EQ(GetUploaderAppPath(), app);
-    EXPECT_EQ(IsUploaderInstalled(), *c.app != '\0');
+    bundle_.Set(tree_.Sub(bundle));
+    const std::string app = *found ? tree_.Sub(found) : "";
+    EXPECT_EQ(LocateUploaderExecutable(), *found ? app + "/Contents/MacOS/LogCourier2" : "")
+        << hintDir << " " << bundle;
+    EXPECT_EQ(GetUploaderAppPath() + (IsUploaderInstalled() ? "+" : ""), *found ? app + "+" : "");
   }
 }
 
@@ -125,14 +122,11 @@ TEST_F(LauncherTest, ShellFallbacks) {
   EXPECT_EQ(out, "value");
 }
 
+// Escapes push the later quotes past the scan's limit (the length of the path
+// as given), so those stay bare.
 TEST(LauncherCommandTest, BuildsTheFallbackCommandsAsWritten) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"/A'B/LogCourier2", R"('/A'\''B/LogCourier2' ARG &)"},
-      // Escapes push the later quotes past the scan's limit (the length of
-      // the path as given), so those stay bare.
-      {"/a'b'c'd'e", R"('/a'\''b'\''c'd'e' ARG &)"},
-  };
-  for (const auto& [path, command] : cases) EXPECT_EQ(BuildBackgroundCommand(path, "ARG"), command);
+  EXPECT_EQ(BuildBackgroundCommand("/A'B/LogCourier2", "ARG"), R"('/A'\''B/LogCourier2' ARG &)");
+  EXPECT_EQ(BuildBackgroundCommand("/a'b'c'd'e", "ARG"), R"('/a'\''b'\''c'd'e' ARG &)");
 }
 
 TEST_F(LauncherTest, PerUserPaths) {
