@@ -129,9 +129,10 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
   const std::string browser = "lumetry-sysinfo | sed -n 's/^Browser: //p'";
   const std::string handlers = "pl $P/com.apple.LaunchServices.plist '{\"LSHandlers\": ";
   const Row rows[] = {
-      {"", "lumetry-sysinfo | sed 's/:.*//'", "CPU\nModel\nCPU MHz\nBrowser\n", "", 0},
-      {"", "lumetry-sysinfo | sed -n 's/^CPU MHz: //p' | grep -Ec '^(0|[1-9][0-9]*)$'", "1\n", "",
-       0},
+      {"",
+       "lumetry-sysinfo | sed -E 's/^(CPU MHz: )(0|[1-9][0-9]*)$/\\1N/; s/^(CPU|Model|Browser): "
+       ".*/\\1/'",
+       "CPU\nModel\nCPU MHz: N\nBrowser\n", "", 0},
       {"",
        "lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
        "print(list(d), type(d[\"cpuMHz\"]).__name__, d[\"browser\"])'",
@@ -188,8 +189,6 @@ TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
            "\nuploadUrl: " + u + "/UploadFile/\nconfigUrl: " + u + "/GetConfig/\ntarvixUrl: " + u +
            "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
        "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
-      {"", bad + "logcourier-config --file c | sed -n '/^maxR/,/^serverU/p'",
-       "maxRetries: 5\nserverUrl: %L\n", refused, 0},
       {"", bad + "logcourier-config --json --file c",
        R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L","uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/","status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999","reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":"accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x","reason":"not an allowed server address","using":"%L"},{"key":"status","value":"kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
        "\n",
