@@ -45,9 +45,7 @@ TEST_F(PrivacyPrefsTest, MachineIdIsMadeOnceAndKeptAsStored) {
   close(gate[1]);
   for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
   const std::string id = GetMachineID();
-  for (int i = 0; i < kProcesses; ++i) {
-    EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
-  }
+  for (int i = 0; i < kProcesses; ++i) EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
   ASSERT_TRUE(SetPreferenceString("MachineID", kDomain, "abc0def", kMe, kHere));
   EXPECT_EQ("abc0def", GetMachineID());
   // A value of another kind is no identifier: a new one replaces it.
@@ -64,16 +62,15 @@ TEST_F(PrivacyPrefsTest, FlagsAndTheirDefaults) {
   ASSERT_TRUE(SetPreferenceString("UserType", kDomain, "Student", kMe, kHere));
   EXPECT_EQ("Student", GetUserType());
   // Absent, a non-zero number or a string (no number at all) means on.
-  const std::vector<std::pair<std::string, bool (*)()>> flags = {{"obfuscate", &IsObfuscationOn},
-                                                                 {"send", &IsSendAllowed}};
-  for (const auto& [key, flag] : flags) {
-    EXPECT_TRUE(flag()) << key;
-    ASSERT_TRUE(SetPreferenceNumber(key, kDomain, 0, kMe, kHere));
-    EXPECT_FALSE(flag()) << key;
-    ASSERT_TRUE(SetPreferenceNumber(key, kDomain, -3, kMe, kHere));
-    EXPECT_TRUE(flag()) << key;
+  for (const auto& [key, flag] : std::vector<std::pair<std::string, bool (*)()>>{
+           {"obfuscate", &IsObfuscationOn}, {"send", &IsSendAllowed}}) {
+    std::string seen = flag() ? "1" : "0";
+    for (const std::int32_t n : {0, -3}) {
+      ASSERT_TRUE(SetPreferenceNumber(key, kDomain, n, kMe, kHere));
+      seen += flag() ? "1" : "0";
+    }
     ASSERT_TRUE(SetPreferenceString(key, kDomain, "0", kMe, kHere));
-    EXPECT_TRUE(flag()) << key;
+    EXPECT_EQ("1011", seen + (flag() ? "1" : "0")) << key;
   }
 
   // The opt-in lives in the dictionary named by the signed-in person.
