@@ -1,16 +1,23 @@
-// The preference store's calls that no tool reaches: the dictionary readers,
-// the kind tests, refused calls, and writers that race or die mid-write.
+// The preference store's calls that no tool reaches (the dictionary readers,
+// the kind tests, refused calls, writers that race or die mid-write), the
+// guards in front of the property-list library, and the privacy preferences.
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <uuid/uuid.h>
 
 #include <cstdint>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "PlistTrailer.h"
+#include "Posix/PlistGuards.h"
+#include "Posix/ScopedPlist.h"
 #include "Preferences.h"
+#include "PrivacyPrefs.h"
 #include "TestSupport.h"
 
 namespace {
@@ -20,7 +27,9 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 constexpr PrefUser kMe = PrefUser::kCurrentUser;
 constexpr PrefHost kAny = PrefHost::kAnyHost;
+constexpr PrefHost kHere = PrefHost::kCurrentHost;
 const std::string kDomain = "com.example.preftest";
+const std::string kPrivacy = "com.quorvik.lumetryqx";
 
 class PreferencesTest : public ::testing::Test {
  protected:
@@ -37,6 +46,9 @@ class PreferencesTest : public ::testing::Test {
   }
 
   testing_support::ScopedHome home_;
+  testing_support::ScopedTempDir system_;
+  const testing_support::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting,
+                                                    system_.path()};
   const std::string file_ = PreferenceFilePath(kDomain, kMe, kAny);
 };
 
@@ -125,6 +137,151 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
   ASSERT_TRUE(SetPreferenceNumber("counter", kDomain, -1, kMe, kAny));  // clears what they left
   EXPECT_EQ((Names{kDomain + ".plist", kDomain + ".plist.lock"}),
             testing_support::ListNames(home_.Library() + "/Preferences"));
+}
+
+TEST_F(PreferencesTest, MachineIdIsMadeOnceAndKeptAsStored) {
+  constexpr int kProcesses = 6;
+  auto id_file = [&](int i) { return home_.path() + "/id" + std::to_string(i); };
+  int gate[2];
+  ASSERT_EQ(0, pipe(gate));
+  for (int i = 0; i < kProcesses; ++i) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      char c;
+      close(gate[1]);
+      if (read(gate[0], &c, 1) != 0) _exit(2);  // end of file: everyone is released at once
+      _exit(testing_support::WriteFile(id_file(i), GetMachineID()) ? 0 : 1);
+    }
+  }
+  close(gate[0]);
+  close(gate[1]);
+  for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
+  const std::string id = GetMachineID();
+  for (int i = 0; i < kProcesses; ++i) EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
+  ASSERT_TRUE(SetPreferenceString("MachineID", kPrivacy, "abc0def", kMe, kHere));
+  EXPECT_EQ("abc0def", GetMachineID());
+  // A value of another kind is no identifier: a new one replaces it.
+  ASSERT_TRUE(SetPreferenceNumber("MachineID", kPrivacy, 5, kMe, kHere));
+  const std::string fresh = GetMachineID();
+  uuid_t parsed;  // 36 characters, random (version 4), upper case
+  EXPECT_TRUE(uuid_parse(fresh.c_str(), parsed) == 0 && uuid_type(parsed) == UUID_TYPE_DCE_RANDOM &&
+              fresh.find_first_of("abcdef") == std::string::npos);
+}
+
+TEST_F(PreferencesTest, FlagsAndTheirDefaults) {
+  EXPECT_FALSE(IsCollectionDisabled());
+  EXPECT_EQ("", GetUserType());
+  ASSERT_TRUE(SetPreferenceString("UserType", kPrivacy, "Student", kMe, kHere));
+  EXPECT_EQ("Student", GetUserType());
+  // Absent, a non-zero number or a string (no number at all) means on.
+  for (const auto& [key, flag] : std::vector<std::pair<std::string, bool (*)()>>{
+           {"obfuscate", &IsObfuscationOn}, {"send", &IsSendAllowed}}) {
+    std::string seen = flag() ? "1" : "0";
+    for (const std::int32_t n : {0, -3}) {
+      ASSERT_TRUE(SetPreferenceNumber(key, kPrivacy, n, kMe, kHere));
+      seen += flag() ? "1" : "0";
+    }
+    ASSERT_TRUE(SetPreferenceString(key, kPrivacy, "0", kMe, kHere));
+    EXPECT_EQ("1011", seen + (flag() ? "1" : "0")) << key;
+  }
+
+  // The opt-in lives in the dictionary named by the signed-in person.
+  ASSERT_TRUE(WriteTelemetryNumber("P-1", "optin", 0));
+  EXPECT_EQ(1, GetOptIn());
+  ASSERT_TRUE(SetPreferenceString("PersonGUID", kPrivacy, "P-1", kMe, kHere));
+  EXPECT_EQ(0, GetOptIn());
+
+  // Collection is switched off machine-wide only, by "Enabled" 0.
+  for (const auto& [user, enabled, disabled] : std::vector<std::tuple<PrefUser, int, bool>>{
+           {kMe, 0, false}, {PrefUser::kAnyUser, 0, true}, {PrefUser::kAnyUser, 2, false}}) {
+    ASSERT_TRUE(SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", enabled, user, kHere));
+    EXPECT_EQ(disabled, IsCollectionDisabled()) << enabled;
+  }
+}
+
+TEST_F(PreferencesTest, PIINoticeFile) {
+  const std::string path = GetPIIPrefsPath();
+  EXPECT_EQ(home_.Library() + "/Application Support/Quorvik/PII/com.quorvik.pii.prefs", path);
+  EXPECT_FALSE(IsPIINoticeShown());  // no file
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"<PIINOTICESHOWN>YES</PIINOTICESHOWN></prefs>", true},
+      {"<PIINOTICESHOWN>yes </PIINOTICESHOWN></prefs>", false},
+      {"<PIINOTICESHOWN>Y\nES</PIINOTICESHOWN>\n</prefs>", true},       // lines joined
+      {"<PIINOTICESHOWN>yes</PIINOTICESHOWN><broken", true},            // kept before the error
+      {"<pref name=\"piiNoticeShown\">yes</pref></prefs>", true},       // attribute matches
+      {"<PIINOTICESHOWN>y<b>no</b>es</PIINOTICESHOWN></prefs>", true},  // child not collected
+      {"<PIINOTICESHOWN>yes</PIINOTICESHOWN><PIINOTICESHOWN>yes</PIINOTICESHOWN></prefs>", false},
+  };
+  for (const auto& [body, shown] : cases) {
+    ASSERT_TRUE(testing_support::WriteFile(path, "<?xml version=\"1.0\"?>\n<prefs>\n" + body));
+    EXPECT_EQ(shown, IsPIINoticeShown()) << body;
+  }
+}
+
+// The trailer check on a minimal binary list (an empty dictionary), one
+// field spoiled at a time, with values chosen to overflow naive arithmetic.
+TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
+  const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
+                       std::uint64_t top, std::uint64_t table, unsigned char entry) {
+    std::string bytes = "bplist00";
+    bytes += '\xD0';                    // the object: an empty dictionary, at 8
+    bytes += static_cast<char>(entry);  // the offset table, at 9
+    bytes.append(6, '\0');
+    bytes += static_cast<char>(offset_size);
+    bytes += static_cast<char>(ref_size);
+    for (std::uint64_t value : {count, top, table}) {
+      for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+    }
+    return bytes;
+  };
+  const std::uint64_t kMax = ~std::uint64_t{0};
+  PlistTrailer::Fields fields;
+  const std::string sound = make(1, 1, 1, 0, 9, 8);
+  EXPECT_TRUE(PlistTrailer::IsSound(sound.data(), sound.size(), &fields));
+  for (const std::string& b :
+       {make(0, 1, 1, 0, 9, 8), make(9, 1, 1, 0, 9, 8), make(1, 0, 1, 0, 9, 8),
+        make(1, 9, 1, 0, 9, 8), make(1, 1, 0, 0, 9, 8), make(1, 1, 1, 1, 9, 8),
+        make(1, 1, kMax, 0, 9, 8), make(8, 8, kMax / 4, 0, 9, 8), make(1, 1, 1, 0, kMax - 7, 8),
+        make(1, 1, 1, 0, 3, 8), make(1, 1, 1, 0, 10, 8), make(1, 1, 1, 0, 9, 9),
+        make(1, 1, 1, 0, 9, 2), make(1, 1, 1, 0, 9, 8).substr(0, 39),
+        "bplist01" + make(1, 1, 1, 0, 9, 8).substr(8)})
+    EXPECT_FALSE(PlistTrailer::IsSound(b.data(), b.size(), &fields)) << b.size();
+}
+
+// Nesting is bounded before the library (which recurses) sees a file, and
+// so are loops and counts that run past the objects.
+TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
+  const std::uint32_t limit = PlistTrailer::kMaxDepth;
+  std::string overrun = testing_support::NestedBinaryArrays(2);
+  overrun[8] = '\xA5';  // five references where the object area holds one
+  const std::pair<std::string, bool> cases[] = {
+      {testing_support::NestedBinaryArrays(1), true},
+      {testing_support::NestedBinaryArrays(limit), true},
+      {testing_support::NestedBinaryArrays(limit + 1), false},
+      {testing_support::NestedBinaryArrays(3, true), false},
+      {overrun, false}};
+  for (const auto& [bytes, sound] : cases)
+    EXPECT_EQ(sound, PlistTrailer::IsWithinBounds(bytes.data(), bytes.size())) << bytes.size();
+}
+
+// The write guard: a tree that the library would write as bytes its own
+// reader does not give back (a string that is not UTF-8) is refused; the
+// same tree once repaired is written, and reads back the same.
+TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
+  const ScopedPlist owner = AdoptPlist(plist_new_dict());
+  const auto tree = static_cast<plist_t>(owner.get());
+  plist_dict_set_item(tree, "MachineID", plist_new_string("ID-1"));
+  plist_dict_set_item(tree, "city", plist_new_string("\xE9t\xE9"));
+  std::string bytes = "untouched";
+  EXPECT_FALSE(plist_guard::SerialiseVerified(tree, &bytes));
+  EXPECT_EQ("untouched", bytes);
+  plist_guard::RepairStrings(tree);
+  ASSERT_TRUE(plist_guard::SerialiseVerified(tree, &bytes));
+  const ScopedPlist reread = AdoptPlist(plist_guard::Parse(bytes));
+  EXPECT_TRUE(plist_guard::SameTree(tree, static_cast<plist_t>(reread.get())));
+  plist_dict_set_item(static_cast<plist_t>(reread.get()), "city", plist_new_string("ete"));
+  EXPECT_FALSE(plist_guard::SameTree(tree, static_cast<plist_t>(reread.get())));
 }
 
 }  // namespace
