@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PlatformPaths.h"
@@ -17,14 +18,19 @@ namespace {
 
 namespace ts = testing_support;
 
+// A script, what it must print and its status, and the bytes of the domain
+// file com.t (current user, any host) planted before it runs, if any.
 struct Row {
-  std::string plant;  // bytes of the domain file com.t (current user, any host), if any
-  std::string script;
-  std::string out;
-  std::string err;
+  Row(std::string s, std::string o, std::string e = "", int st = 0, std::string p = "")
+      : script(std::move(s)),
+        out(std::move(o)),
+        err(std::move(e)),
+        status(st),
+        plant(std::move(p)) {}
+  std::string script, out, err;
   int status;
+  std::string plant;
 };
-
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
   for (auto at = text.find(from); !from.empty() && at != std::string::npos;
        at = text.find(from, at + to.size()))
@@ -83,9 +89,9 @@ const std::vector<std::string> kTools = {"ulog-decode", "logcourier-config", "lu
 
 TEST(ToolConventionsCliTest, HelpVersionAndUnknownOptions) {
   for (const std::string& tool : kTools) {
-    Check({"", tool + " --version", tool + " " + kVersion + "\n", "", 0});
-    Check({"", tool + " --help | cut -d' ' -f1,2 | head -1 && " + tool + " --help 2>&1 >/dev/null",
-           "Usage: " + tool + "\n", "", 0});
+    Check({tool + " --version", tool + " " + kVersion + "\n"});
+    Check({tool + " --help | cut -d' ' -f1,2 | head -1 && " + tool + " --help 2>&1 >/dev/null",
+           "Usage: " + tool + "\n"});
     const std::string hint = "\nTry '" + tool + " --help'.\n";
     for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
              {"--x", "unrecognized option '--x'"},
@@ -93,7 +99,7 @@ TEST(ToolConventionsCliTest, HelpVersionAndUnknownOptions) {
              {"-z", "invalid option -- 'z'"},
              {"--help=x", "option '--help' doesn't allow an argument"},
              {"--nope --version", "unrecognized option '--nope'"}})
-      Check({"", tool + " " + args, "", tool + ": " + message + hint, 2});
+      Check({tool + " " + args, "", tool + ": " + message + hint, 2});
   }
 }
 
@@ -106,7 +112,7 @@ TEST(ToolConventionsCliTest, UnreadableInputsFullOutputAndTheInputCap) {
          std::vector<std::pair<std::string, std::string>>{{"none", "No such file or directory"},
                                                           {"/", "Is a directory"},
                                                           {"big", "larger than " + mib + " MiB"}})
-      Check({"", "truncate -s $((" + mib + " * 1048576 + 1)) big; " + command + " " + file, "",
+      Check({"truncate -s $((" + mib + " * 1048576 + 1)) big; " + command + " " + file, "",
              tool + ": " + file + ": " + reason + "\n", 1});
   }
   const std::string doc = "printf '[settings]\\n<doc/>\\n' > doc.xml; ";
@@ -114,35 +120,31 @@ TEST(ToolConventionsCliTest, UnreadableInputsFullOutputAndTheInputCap) {
                                 "lumetry-sysinfo", "lumetry-defaults paths"}) {
     const std::string tool = run.substr(0, run.find(' '));
     const std::string full = tool + ": write error: No space left on device\n";
-    Check({"", doc + run + " >/dev/full", "", full, 1});
-    Check({"", tool + " --help >/dev/full", "", full, 1});
+    Check({doc + run + " >/dev/full", "", full, 1});
+    Check({tool + " --help >/dev/full", "", full, 1});
   }
   // A settings text of exactly the cap is read.
   Check(
-      {"",
-       "printf '[settings]\\nmaxretries=4\\n' > c; head -c 1048552 /dev/zero | tr '\\0' '\\n' >>c;"
+      {"printf '[settings]\\nmaxretries=4\\n' > c; head -c 1048552 /dev/zero | tr '\\0' '\\n' >>c;"
        "logcourier-config --file c | grep maxRetries",
-       "maxRetries: 4\n", "", 0});
+       "maxRetries: 4\n"});
 }
 
 TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
   const std::string browser = "lumetry-sysinfo | sed -n 's/^Browser: //p'";
   const std::string handlers = "pl $P/com.apple.LaunchServices.plist '{\"LSHandlers\": ";
   const Row rows[] = {
-      {"",
-       "lumetry-sysinfo | sed -E 's/^(CPU MHz: )(0|[1-9][0-9]*)$/\\1N/; s/^(CPU|Model|Browser): "
+      {"lumetry-sysinfo | sed -E 's/^(CPU MHz: )(0|[1-9][0-9]*)$/\\1N/; s/^(CPU|Model|Browser): "
        ".*/\\1/'",
-       "CPU\nModel\nCPU MHz: N\nBrowser\n", "", 0},
-      {"",
-       "lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
+       "CPU\nModel\nCPU MHz: N\nBrowser\n"},
+      {"lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
        "print(list(d), type(d[\"cpuMHz\"]).__name__, d[\"browser\"])'",
-       "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n", "", 0},
-      {"", "lumetry-sysinfo extra", "",
+       "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n"},
+      {"lumetry-sysinfo extra", "",
        "lumetry-sysinfo: unexpected argument 'extra'\nTry 'lumetry-sysinfo --help'.\n", 2},
       // Skipped in turn: another scheme, an upper-case scheme, no role handler,
       // an empty one, no dictionary, no string; the first usable one is kept as written.
-      {"",
-       handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
+      {handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
            {"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleViewer": "com.a"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": ""}, "not a dictionary",
@@ -150,18 +152,17 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "Org.Mozilla.FIREFOX"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.c"}]}' bin; )" +
            browser,
-       "Org.Mozilla.FIREFOX\n", "", 0},
-      {"", handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
-       "com.apple.safari\n", "", 0},
+       "Org.Mozilla.FIREFOX\n"},
+      {handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
+       "com.apple.safari\n"},
       // Only [Default Applications] counts, and the first entry of its list; a
       // LaunchServices handler comes first.
-      {"",
-       "mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
+      {"mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
        "[Default Applications]\\r\\ntext/html=h.desktop\\n x-scheme-handler/http = ;first.desktop;"
        "second.desktop;\\r\\n' > etc/mimeapps.list; " +
            browser + "; " + handlers +
            R"([{"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.ls"}]}'; )" + browser,
-       "first.desktop\ncom.ls\n", "", 0},
+       "first.desktop\ncom.ls\n"},
   };
   for (const Row& row : rows) Check(row);
 }
@@ -184,22 +185,22 @@ TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
       "refused (not an allowed server address), using %L\n%Cc: status=kill refused (accepted "
       "Active, Kill, Hibernate), using Active\n";
   const Row rows[] = {
-      {"", mine + "logcourier-config --file c && cmp c o",
+      {mine + "logcourier-config --file c && cmp c o",
        "file: c\nmaxDiskSpace: 50\nretryInterval: 10\nmaxRetries: 3\nserverUrl: " + u +
            "\nuploadUrl: " + u + "/UploadFile/\nconfigUrl: " + u + "/GetConfig/\ntarvixUrl: " + u +
            "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
        "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
-      {"", bad + "logcourier-config --json --file c",
+      {bad + "logcourier-config --json --file c",
        R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L","uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/","status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999","reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":"accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x","reason":"not an allowed server address","using":"%L"},{"key":"status","value":"kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
        "\n",
        refused, 0},
-      {"", "logcourier-config | head -1",
-       "file: ~/Library/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg\n", "", 0},
-      {"", ": >f; HOME=$PWD/f logcourier-config", "",
+      {"logcourier-config | head -1",
+       "file: ~/Library/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg\n"},
+      {": >f; HOME=$PWD/f logcourier-config", "",
        "%Ccannot find or create the user's configuration directory\n", 1},
-      {"", "logcourier-config --file", "", "%Coption '--file' requires an argument%V", 2},
-      {"", "logcourier-config --file=", "", "%C--file needs a non-empty path%V", 2},
-      {"", "logcourier-config stray", "", "%Cunexpected argument 'stray'%V", 2},
+      {"logcourier-config --file", "", "%Coption '--file' requires an argument%V", 2},
+      {"logcourier-config --file=", "", "%C--file needs a non-empty path%V", 2},
+      {"logcourier-config stray", "", "%Cunexpected argument 'stray'%V", 2},
   };
   for (const Row& row : rows) Check(row);
 }
@@ -211,8 +212,7 @@ TEST(ToolConventionsCliTest, DefaultsEveryVerbInEveryScope) {
            {"-anyUser", "~/system/com.t.plist"},
            {"-anyUser -currentHost", "~/system/ByHost/com.t.HOST.plist"}}) {
     const std::string f = Replace(Replace(file, "~", "\"$HOME\""), "HOST", "$H");
-    Check({"",
-           "d() { dflt " + flags + " \"$@\"; }; F=" + f +
+    Check({"d() { dflt " + flags + " \"$@\"; }; F=" + f +
                R"(; d write com.t name -string 'a "b"' && d write com.t count -int -12 &&)"
                R"( d write com.t plain word && d write com.t map -dict-add n -int 3 &&)"
                R"( d write com.t map -dict-add t -string x && pl "$F" && stat -c %a "$F" "$F.lock")"
@@ -247,63 +247,55 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
       ";\n}\nType is array\nType is boolean\nType is integer\nType is real\nType is string\n" +
       json + "\n" + json + "\n<?xml " + Replace(json, "\"r\"", "\"i\": 8, \"r\"") + "\n";
   const Row rows[] = {
-      {"", "pl $P/com.t.plist '" + json + "'" + exchange, exchanged, "", 0},
-      {"", "pl $P/com.t.plist '" + json + "' bin" + exchange, exchanged, "", 0},
-      {"",
-       "dflt write com.t a -int -2147483648 && dflt write com.t b -int 2147483647 && "
+      {"pl $P/com.t.plist '" + json + "'" + exchange, exchanged},
+      {"pl $P/com.t.plist '" + json + "' bin" + exchange, exchanged},
+      {"dflt write com.t a -int -2147483648 && dflt write com.t b -int 2147483647 && "
        "dflt write com.t e -string '' && dflt write com.t u \"$(printf 'h\\303\\251')\" && "
        "pl $P/com.t.plist",
        R"({"a": -2147483648, "b": 2147483647, "e": "", "u": "h\u00e9"})"
-       "\n",
-       "", 0},
-      {"",
-       R"(printf '<plist><dict><key>odd key</key><array><dict/><array/></array><key>d</key><data>)"
+       "\n"},
+      {R"(printf '<plist><dict><key>odd key</key><array><dict/><array/></array><key>d</key><data>)"
        R"(AAH/</data><key>t</key><date>2001-01-02T00:00:00Z</date><key>e</key><string>a"b\\c\nd)"
        R"(\te\001</string></dict></plist>' >$P/com.t.plist; dflt read com.t; dflt read-type com.t)"
        R"( d; dflt read-type com.t t)",
        "{\n    \"odd key\" = (\n        {\n        },\n        (\n        )\n    );\n"
        "    d = <0001ff>;\n    t = 2001-01-02 00:00:00 +0000;\n    e = "
        "\"a\\\"b\\\\c\\nd\\te\\001\";"
-       "\n}\nType is data\nType is date\n",
-       "", 0},
-      {"",
-       "dflt write com.b n -int 1 && dflt write com.a n -int 1 && dflt -currentHost write com.h k "
+       "\n}\nType is data\nType is date\n"},
+      {"dflt write com.b n -int 1 && dflt write com.a n -int 1 && dflt -currentHost write com.h k "
        "v && dflt -anyUser write com.s k v && : >$P/.com.a.plist.Xy12ab && : >$P/.hidden.plist && "
        "mkdir $P/f.plist && : >$P/notes.txt && dflt domains && dflt -currentHost domains && "
        "dflt -anyUser domains && dflt -anyUser -currentHost domains && dflt read",
        "com.a\ncom.b\ncom.h\ncom.s\n{\n    com.a = {\n        n = 1;\n    };\n    com.b = {\n"
-       "        n = 1;\n    };\n}\n",
-       "", 0},
-      {"", "dflt paths com.t",
+       "        n = 1;\n    };\n}\n"},
+      {"dflt paths com.t",
        "HOST-ID: HOST\ncurrent user, any host: ~/Library/Preferences/com.t.plist\n"
        "current user, current host: ~/Library/Preferences/ByHost/com.t.HOST.plist\n"
        "any user, any host: ~/system/com.t.plist\nany user, current host: "
-       "~/system/ByHost/com.t.HOST.plist\n",
-       "", 0},
-      {"", "dflt", "", "%Dno verb given%U", 2},
-      {"", "dflt frob", "", "%Dunknown verb 'frob'%U", 2},
-      {"", "dflt read a b c", "", "%Dwrong number of arguments for 'read'%U", 2},
-      {"", "dflt write com.t k", "",
+       "~/system/ByHost/com.t.HOST.plist\n"},
+      {"dflt", "", "%Dno verb given%U", 2},
+      {"dflt frob", "", "%Dunknown verb 'frob'%U", 2},
+      {"dflt read a b c", "", "%Dwrong number of arguments for 'read'%U", 2},
+      {"dflt write com.t k", "",
        "%Dusage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))%U",
        2},
-      {"", "dflt write com.t k -int 2147483648", "",
+      {"dflt write com.t k -int 2147483648", "",
        "%D-int needs a signed 32-bit integer, not '2147483648'%U", 2},
-      {"", "dflt write com.t k -int 1 -string s", "", "%Dgive -string or -int, not both%U", 2},
-      {"", "dflt read com.t -string s", "", "%D-string, -int and -dict-add belong to 'write'%U", 2},
-      {"", "dflt read a/b", "", "%D'a/b' is not a valid domain name\n", 1},
-      {"", "dflt delete \"$(printf 'com.\\351')\" k", "",
-       "%D'com.\xE9' is not a valid domain name\n", 1},
-      {"", "dflt write com.t \"$(printf 'k\\377')\" v", "", kStore + "'k\xFF'" + kUnwritable, 1},
-      {"", "pl x '[]'; dflt import com.t x", "", "%Dx" + kNotDict, 1},
-      {"", "echo junk >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
-      {"", ": >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
-      {"", "printf 'bplist00\\377\\377' | dflt import com.t -", "", "%Dstandard input" + kNotDict,
+      {"dflt write com.t k -int 1 -string s", "", "%Dgive -string or -int, not both%U", 2},
+      {"dflt read com.t -string s", "", "%D-string, -int and -dict-add belong to 'write'%U", 2},
+      {"dflt read a/b", "", "%D'a/b' is not a valid domain name\n", 1},
+      {"dflt delete \"$(printf 'com.\\351')\" k", "", "%D'com.\xE9' is not a valid domain name\n",
        1},
+      {"dflt write com.t \"$(printf 'k\\377')\" v", "", kStore + "'k\xFF'" + kUnwritable, 1},
+      {"pl x '[]'; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"echo junk >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {": >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"printf 'bplist00\\377\\377' | dflt import com.t -", "", "%Dstandard input" + kNotDict, 1},
       // A FIFO at the domain file or at its lock: refused at once, never waited on.
-      {"", "mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
+      {"mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
        kStore + "'k'" + kUnwritable, 1},
-      {"", "mkfifo $P/com.t.plist.lock; dflt write com.t k v", "", kStore + "'k'" + kUnwritable, 1},
-      {"", "dflt write com.t k v && dflt export com.t none/x", "",
+      {"mkfifo $P/com.t.plist.lock; dflt write com.t k v", "", kStore + "'k'" + kUnwritable, 1},
+      {"dflt write com.t k v && dflt export com.t none/x", "",
        "%Dnone/x: No such file or directory\n", 1},
   };
   for (const Row& row : rows) Check(row);
@@ -341,21 +333,21 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
       "<key>MachineID</key><string>ID-1</string><key>city</key><string>\xE9t\xE9</string>"
       "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
   const Row rows[] = {
-      {valid, script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0},
+      {script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0, valid},
       // A binary string is cut at its NUL.
-      {BinaryPair("k", "ab" + nul + "cd"), script,
-       "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0},
+      {script, "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0,
+       BinaryPair("k", "ab" + nul + "cd")},
       // Text that is not UTF-8 is repaired at read, so no key is lost at the write.
-      {latin1_xml, script,
+      {script,
        "{\n    MachineID = \"ID-1\";\n    city = \"\xC3\xA9t\xC3\xA9\";\n    d = {\n"
        "        \"k\xC3\xBF\" = \"v\xC3\xBF\";\n    };\n}\n"
        R"({"MachineID": "ID-1", "city": "\u00e9t\u00e9", "d": {"k\u00ff": "v\u00ff"}, "n": 1})"
        "\n",
-       "", 0},
+       "", 0, latin1_xml},
       // A nesting within the store's bound but past the dump's is shown cut short.
-      {deep_xml.substr(0, 25 + 100 * 7) + deep_xml.substr(deep_xml.size() - 100 * 8) +
-           "</dict></plist>",
-       "dflt read com.t | grep -c '[.][.][.]'", "1\n", "", 0},
+      {"dflt read com.t | grep -c '[.][.][.]'", "1\n", "", 0,
+       deep_xml.substr(0, 25 + 100 * 7) + deep_xml.substr(deep_xml.size() - 100 * 8) +
+           "</dict></plist>"},
   };
   for (const Row& row : rows) Check(row);
   // Cut short, spoiled trailer fields (offset size, object count, table
@@ -370,7 +362,7 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
         xml + "</key><string>a" + nul + "</string></dict></plist>",
         xml + "&#0;</key><string>v</string></dict></plist>",
         xml + "&#x000;</key><string>v</string></dict></plist>"})
-    Check({plant, script, "{\n}\n{\"n\": 1}\n", "", 0});
+    Check({script, "{\n}\n{\"n\": 1}\n", "", 0, plant});
 }
 
 }  // namespace
