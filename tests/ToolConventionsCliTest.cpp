@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "PlatformPaths.h"
@@ -21,15 +20,9 @@ namespace ts = testing_support;
 // A script, what it must print and its status, and the bytes of the domain
 // file com.t (current user, any host) planted before it runs, if any.
 struct Row {
-  Row(std::string s, std::string o, std::string e = "", int st = 0, std::string p = "")
-      : script(std::move(s)),
-        out(std::move(o)),
-        err(std::move(e)),
-        status(st),
-        plant(std::move(p)) {}
-  std::string script, out, err;
-  int status;
-  std::string plant;
+  std::string script, out, err = "";
+  int status = 0;
+  std::string plant = "";
 };
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
   for (auto at = text.find(from); !from.empty() && at != std::string::npos;
