@@ -201,9 +201,9 @@ TEST_F(PreferencesTest, FlagsAndTheirDefaults) {
 }
 
 TEST_F(PreferencesTest, PIINoticeFile) {
-  const std::string path = GetPIIPrefsPath();
-  EXPECT_EQ(home_.Library() + "/Application Support/Quorvik/PII/com.quorvik.pii.prefs", path);
-  EXPECT_FALSE(IsPIINoticeShown());  // no file
+  const std::string path =
+      home_.Library() + "/Application Support/Quorvik/PII/com.quorvik.pii.prefs";
+  EXPECT_TRUE(GetPIIPrefsPath() == path && !IsPIINoticeShown());  // no file
   const std::vector<std::pair<std::string, bool>> cases = {
       {"<PIINOTICESHOWN>YES</PIINOTICESHOWN></prefs>", true},
       {"<PIINOTICESHOWN>yes </PIINOTICESHOWN></prefs>", false},
@@ -224,15 +224,12 @@ TEST_F(PreferencesTest, PIINoticeFile) {
 TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
   const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
                        std::uint64_t top, std::uint64_t table, unsigned char entry) {
-    std::string bytes = "bplist00";
-    bytes += '\xD0';                    // the object: an empty dictionary, at 8
-    bytes += static_cast<char>(entry);  // the offset table, at 9
-    bytes.append(6, '\0');
-    bytes += static_cast<char>(offset_size);
-    bytes += static_cast<char>(ref_size);
-    for (std::uint64_t value : {count, top, table}) {
+    // An empty dictionary at 8, the offset table at 9, then the trailer.
+    std::string bytes = "bplist00\xD0" + std::string(1, static_cast<char>(entry)) +
+                        std::string(6, '\0') + static_cast<char>(offset_size) +
+                        static_cast<char>(ref_size);
+    for (std::uint64_t value : {count, top, table})
       for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
-    }
     return bytes;
   };
   const std::uint64_t kMax = ~std::uint64_t{0};
@@ -253,14 +250,14 @@ TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
 // so are loops and counts that run past the objects.
 TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
   const std::uint32_t limit = PlistTrailer::kMaxDepth;
-  std::string overrun = testing_support::NestedBinaryArrays(2);
+  using testing_support::NestedBinaryArrays;
+  std::string overrun = NestedBinaryArrays(2);
   overrun[8] = '\xA5';  // five references where the object area holds one
-  const std::pair<std::string, bool> cases[] = {
-      {testing_support::NestedBinaryArrays(1), true},
-      {testing_support::NestedBinaryArrays(limit), true},
-      {testing_support::NestedBinaryArrays(limit + 1), false},
-      {testing_support::NestedBinaryArrays(3, true), false},
-      {overrun, false}};
+  const std::pair<std::string, bool> cases[] = {{NestedBinaryArrays(1), true},
+                                                {NestedBinaryArrays(limit), true},
+                                                {NestedBinaryArrays(limit + 1), false},
+                                                {NestedBinaryArrays(3, true), false},
+                                                {overrun, false}};
   for (const auto& [bytes, sound] : cases)
     EXPECT_EQ(sound, PlistTrailer::IsWithinBounds(bytes.data(), bytes.size())) << bytes.size();
 }

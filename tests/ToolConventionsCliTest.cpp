@@ -1,9 +1,7 @@
-// The built operator tools driven as an operator would, one table row per
-// case: a shell script run in a sandbox HOME (the any-user preference
-// directory and the XDG directories inside it, the tools first on PATH) and
-// the exact status, standard output and standard error it must give. Python's
-// plistlib, an independent implementation of the file format, writes and
-// reads property lists for the rows (pl FILE [JSON [bin]]).
+// The built operator tools driven as an operator would: a row is a shell script
+// run in a sandbox HOME (holding the any-user and XDG directories; the tools
+// first on PATH), its exact output and status. Python's plistlib, another
+// implementation of the file format, writes and reads lists (pl FILE [JSON [bin]]).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
