@@ -125,12 +125,11 @@ TEST(BrowserTest, NothingNamesABrowser) {
 
 TEST(ProbeSourcesTest, ParsesTheSourcesAndFallsBack) {
   ScopedTempDir dir;
-  const std::string cpuinfo = dir.Sub("cpuinfo"), product = dir.Sub("product");
-  const std::string none = dir.Sub("none");
+  const std::string cpuinfo = dir.Sub("cpuinfo"), product = dir.Sub("product"), none = "/none";
   ASSERT_TRUE(WriteFile(cpuinfo,
                         "processor\t: 0\nmodel name\t:  Some CPU @ 2.40GHz \n"
-                        "cpu MHz\t\t: 2394.454\nmodel name\t: second\n"));
-  ASSERT_TRUE(WriteFile(dir.Sub("max_freq"), "3600000\n") && WriteFile(dir.Sub("bad"), "n/a\n") &&
+                        "cpu MHz\t\t: 2394.454\nmodel name\t: second\n") &&
+              WriteFile(dir.Sub("max_freq"), "3600000\n") && WriteFile(dir.Sub("bad"), "n/a\n") &&
               WriteFile(product, "  Model X 1.0 \n"));
 
   using namespace SystemInfo;
@@ -190,14 +189,12 @@ TEST_F(LauncherTest, LocatesTheUploader) {
 }
 
 TEST_F(LauncherTest, StartsTheUploaderDetachedAndLogsItsPathWhenGuarded) {
-  // The logger's kind is fixed by its first use, which is here: the
-  // VxLog.config in the main bundle switches logging on for the process.
+  // The logger's kind is fixed at its first use, here: on, by the bundle's VxLog.config.
   ASSERT_TRUE(WriteFile(tree_.Sub("Plain/VxLog.config"), "append=1\n"));
   Logger::Instance("LogSession");
-  // The script reports its argument, its pid and a leaked descriptor, then
-  // holds until released (at most 10 s).
-  std::string d = tree_.Sub("run");
-  std::string exe =
+  // The script reports its argument, pid and a leaked descriptor, then holds (10 s at most).
+  const std::string d = tree_.Sub("run");
+  const std::string exe =
       MakeApp("Host.app/Contents/MacOS/LogCourier2.app", "#!/bin/sh\nd='" + d + "'\n" + R"(
 [ -e /proc/$$/fd/57 ] && leak=leaked
 printf '%s %s%s' "$1" "$$" "$leak" > "$d/out.part" && mv "$d/out.part" "$d/out"
@@ -224,18 +221,16 @@ i=0; while [ ! -e "$d/release" ] && [ "$i" -lt 200 ]; do sleep 0.05; i=$((i+1));
   const int pid = std::atoi(out.substr(out.rfind(' ') + 1).c_str());
   EXPECT_EQ(out, "-a 'b c' " + std::to_string(pid));  // nothing leaked
   EXPECT_EQ(::getsid(pid), pid);                      // a session of its own
-  // Neither the uploader nor an intermediate process is left as our child.
-  errno = 0;
-  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD);
+  errno = 0;  // neither the uploader nor an intermediate process is left as our child
+  EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
   ASSERT_TRUE(WriteFile(d + "/release", ""));
   EXPECT_TRUE(WaitForFile(d + "/finished", &out));
 }
 
 TEST_F(LauncherTest, ShellFallbacks) {
   // No such path: the line goes to the shell unquoted.
-  EXPECT_TRUE(OpenApplication("", ": > '" + tree_.Sub("made") + "'"));
-  EXPECT_TRUE(PathExists(tree_.Sub("made")));
+  EXPECT_TRUE(OpenApplication("", ": > '" + tree_.Sub("made") + "'") &&
+              PathExists(tree_.Sub("made")));
   EXPECT_FALSE(OpenApplication(tree_.Sub("missing"), "2>/dev/null"));
 
   // A script without "#!" cannot be started directly; the shell runs it in
