@@ -1,7 +1,5 @@
-// The platform seam: host identifier, home directory fallback, main bundle
-// detection (also from a copy of this program inside a fake application), the
-// system probes, and the uploader launcher (locating LogCourier2, the
-// diagnostic line, real detached starts, the shell fallbacks).
+// The platform seam: host identifier, home, main bundle (also of a copy of this
+// program inside an app), system probes, and the uploader launcher.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -75,8 +73,7 @@ TEST(PlatformPaths, BundleOfExecutableDirectory) {
     EXPECT_EQ(dir, Platform::internal::BundlePathForExecutableDirectory(dir));
 }
 
-// Started as the probe copy of the next test (LUMETRY_BUNDLE_PROBE set), the
-// program reports what it sees of itself and stops before any test runs.
+// As the next test's probe copy, the program reports itself before any test runs.
 const bool kRunAsBundleProbe = [] {
   if (std::getenv("LUMETRY_BUNDLE_PROBE") == nullptr) return false;
   std::string exe, bundle, id;
@@ -112,8 +109,7 @@ TEST(PlatformPaths, RealBundleAndBinaryIdentifierOfAProgramInsideAnApp) {
   }
 }
 
-// The handler walk and the XDG fallback are driven through lumetry-sysinfo;
-// here the answer when nothing names a browser, and its optional outputs.
+// The handler walk is driven through lumetry-sysinfo; here the optional outputs.
 TEST(BrowserTest, NothingNamesABrowser) {
   ScopedHome home;
   ScopedEnv configDirs("XDG_CONFIG_DIRS", home.path()), dataDirs("XDG_DATA_DIRS", home.path()),
@@ -170,8 +166,7 @@ TEST_F(LauncherTest, LocatesTheUploader) {
   MakeApp("Host.app/Contents/MacOS/LogCourier2.app");
   MakeApp("Shared/LogCourier2.app");
   MakeApp("LogCourier2.app");
-  // The host's Contents/MacOS copy, found from a hint in its Resources; the
-  // hint comes first; a copy's own bundle holds no nested copy.
+  // Found from a hint in Resources; the hint first; none nested in a copy's own bundle.
   const char* const cases[][3] = {
       {"Host.app/Contents/Resources/", "Plain", "Host.app/Contents/MacOS/LogCourier2.app"},
       {"Shared/", "Host.app", "Shared/LogCourier2.app"},
@@ -233,8 +228,7 @@ TEST_F(LauncherTest, ShellFallbacks) {
               PathExists(tree_.Sub("made")));
   EXPECT_FALSE(OpenApplication(tree_.Sub("missing"), "2>/dev/null"));
 
-  // A script without "#!" cannot be started directly; the shell runs it in
-  // the background, quoted, even below a directory with a quote in its name.
+  // A script without "#!" is run by the shell, quoted, even below a quote in a name.
   std::string script = MakeApp("A'B", "printf '%s' \"$1\" > \"$(dirname \"$0\")/out\"\n");
   EXPECT_TRUE(OpenApplication(script, "value"));
   std::string out;
@@ -242,15 +236,13 @@ TEST_F(LauncherTest, ShellFallbacks) {
   EXPECT_EQ(out, "value");
 }
 
-// Escapes push the later quotes past the scan's limit (the length of the path
-// as given), so those stay bare.
+// Escapes push later quotes past the scan's limit (the path's length): those stay bare.
 TEST(LauncherCommandTest, BuildsTheFallbackCommandsAsWritten) {
   EXPECT_EQ(BuildBackgroundCommand("/A'B/LogCourier2", "ARG"), R"('/A'\''B/LogCourier2' ARG &)");
   EXPECT_EQ(BuildBackgroundCommand("/a'b'c'd'e", "ARG"), R"('/a'\''b'\''c'd'e' ARG &)");
 }
 
-// A file in the way of the log directory is replaced; without a usable home
-// there is no Library directory.
+// A file in the log directory's way is replaced; no usable home, no Library.
 TEST_F(LauncherTest, PerUserPaths) {
   const std::string logDir = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
   ASSERT_TRUE(WriteFile(logDir, "a file in the way") && WriteFile(tree_.Sub("file"), ""));

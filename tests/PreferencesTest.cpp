@@ -1,6 +1,5 @@
-// The preference store's calls that no tool reaches (the dictionary readers,
-// the kind tests, refused calls, writers that race or die mid-write), the
-// guards in front of the property-list library, and the privacy preferences.
+// The store's calls that no tool reaches, racing and dying writers, the plist
+// guards, and the privacy preferences.
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <signal.h>
@@ -125,8 +124,7 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
             testing_support::ListNames(home_.Library() + "/Preferences"));
 }
 
-// Processes released at once each ask for the machine identifier (made once)
-// and write their share of keys (none lost).
+// Processes released at once: one machine identifier made, no key lost.
 TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKeyAndOneMachineId) {
   constexpr int kProcesses = 4;
   auto id_file = [&](int i) { return home_.path() + "/id" + std::to_string(i); };
@@ -214,8 +212,7 @@ TEST_F(PreferencesTest, PIINoticeFile) {
   }
 }
 
-// The trailer check on a minimal binary list (an empty dictionary), one
-// field spoiled at a time, with values chosen to overflow naive arithmetic.
+// One trailer field spoiled at a time, with values that overflow naive arithmetic.
 TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
   const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
                        std::uint64_t top, std::uint64_t table, unsigned char entry) {
@@ -241,8 +238,7 @@ TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
     EXPECT_FALSE(PlistTrailer::IsSound(b.data(), b.size(), &fields)) << b.size();
 }
 
-// Nesting is bounded before the library (which recurses) sees a file, and
-// so are loops and counts that run past the objects.
+// Nesting, loops and counts past the objects are refused before the library recurses.
 TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
   const std::uint32_t limit = PlistTrailer::kMaxDepth;
   using testing_support::NestedBinaryArrays;
@@ -257,9 +253,7 @@ TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
     EXPECT_EQ(sound, PlistTrailer::IsWithinBounds(bytes.data(), bytes.size())) << bytes.size();
 }
 
-// The write guard: a tree that the library would write as bytes its own
-// reader does not give back (a string that is not UTF-8) is refused; the
-// same tree once repaired is written, and reads back the same.
+// Bytes that would not read back as the tree (text not UTF-8) are refused until repaired.
 TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
   const ScopedPlist owner = AdoptPlist(plist_new_dict());
   const auto tree = static_cast<plist_t>(owner.get());

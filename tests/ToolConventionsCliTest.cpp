@@ -15,8 +15,7 @@ namespace {
 
 namespace ts = testing_support;
 
-// A script, what it must print and its status, and the bytes of the domain
-// file com.t (current user, any host) planted before it runs, if any.
+// A script, its output and status; bytes planted first as the domain file com.t.
 struct Row {
   std::string script, out, err = "";
   int status = 0;
@@ -54,8 +53,7 @@ else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
   return run;
 }
 
-// Expected texts abbreviate: %D and %C the tools' message prefixes, %U and %V
-// their usage hints, %L the default server address.
+// Abbreviations in expected texts: message prefixes, usage hints, the default server.
 std::string Expand(std::string text) {
   for (const auto& [from, to] : {std::pair<const char*, const char*>{"%D", "lumetry-defaults: "},
                                  {"%C", "logcourier-config: "},
@@ -133,8 +131,7 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
        "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n"},
       {"lumetry-sysinfo extra", "",
        "lumetry-sysinfo: unexpected argument 'extra'\nTry 'lumetry-sysinfo --help'.\n", 2},
-      // Skipped in turn: another scheme, an upper-case scheme, no role handler,
-      // an empty one, no dictionary, no string; the first usable one is kept as written.
+      // Unusable handlers are skipped; the first usable one is kept as written.
       {handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
            {"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleViewer": "com.a"},
@@ -146,8 +143,7 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
        "Org.Mozilla.FIREFOX\n"},
       {handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
        "com.apple.safari\n"},
-      // Only [Default Applications] counts, and the first entry of its list; a
-      // LaunchServices handler comes first.
+      // The first XDG [Default Applications] entry, unless LaunchServices names one.
       {"mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
        "[Default Applications]\\r\\ntext/html=h.desktop\\n x-scheme-handler/http = ;first.desktop;"
        "second.desktop;\\r\\n' > etc/mimeapps.list; " +
@@ -158,9 +154,7 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
   for (const Row& row : rows) Check(row);
 }
 
-// logcourier-config shows a settings file (refused values named, each with the
-// value used instead) and never changes it; without --file the user's copy is
-// found, here created.
+// A settings file shown (refusals named) and left as it was; else the user's copy.
 TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
   const std::string mine =
       "printf '[settings]\\nmaxretries=9\\nmaxdiskspace=50\\nurl=http://up.quorvik.com/b\\n"
@@ -182,7 +176,13 @@ TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
            "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
        "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
       {bad + "logcourier-config --json --file c",
-       R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L","uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/","status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999","reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":"accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x","reason":"not an allowed server address","using":"%L"},{"key":"status","value":"kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
+       R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L",)"
+       R"("uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/",)"
+       R"("status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999",)"
+       R"("reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":)"
+       R"("accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x",)"
+       R"("reason":"not an allowed server address","using":"%L"},{"key":"status","value":)"
+       R"("kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
        "\n",
        refused, 0},
       {"logcourier-config | head -1",
@@ -309,9 +309,8 @@ std::string Spoiled(std::string bytes, std::size_t from_end, char byte) {
   return bytes;
 }
 
-// Files of other programs, damaged or hostile, at a domain: each reads as what
-// it soundly holds (else as empty) without a crash or hang, and the next write
-// keeps every key that was read.
+// Damaged or hostile files read as what they soundly hold (else empty), never
+// crash or hang, and the next write keeps every key that was read.
 TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   const std::string script = "dflt read com.t; dflt write com.t n -int 1; pl $P/com.t.plist";
   const std::string nul(1, '\0');
@@ -341,9 +340,7 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
            "</dict></plist>"},
   };
   for (const Row& row : rows) Check(row);
-  // Cut short, spoiled trailer fields (offset size, object count, table
-  // position, last byte), not a dictionary, nested too deep, a loop; and NULs
-  // in keys, on which the library aborts: all read empty.
+  // Cut short, spoiled trailers, no dictionary, too deep, a loop, NULs in keys.
   const std::string xml = "<plist><dict><key>k";
   for (const std::string& plant :
        {valid.substr(0, valid.size() - 1), Spoiled(valid, 26, 9), Spoiled(valid, 24, '\xFF'),
