@@ -29,12 +29,6 @@ std::string HostName() {
   return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-// Writes <bundle>/Contents/Info.plist, in XML or binary form.
-bool WriteInfoPlist(const std::string& bundle, const std::string& identifier, bool binary) {
-  return WritePlist(bundle + "/Contents/Info.plist",
-                    R"({"CFBundleIdentifier": ")" + identifier + "\"}", binary);
-}
-
 TEST(PlatformPaths, HostIdFromMachineIdFiles) {
   const std::string id = "0123456789abcdefABCDEF0123456789";
   const std::string formatted = "01234567-89AB-CDEF-ABCD-EF0123456789";
@@ -91,14 +85,16 @@ TEST(PlatformPaths, RealBundleAndBinaryIdentifierOfAProgramInsideAnApp) {
   std::string copy = bundle + "/Contents/MacOS/probe";
   ASSERT_TRUE(MakeDirs(bundle + "/Contents/MacOS"));
   std::filesystem::copy_file("/proc/self/exe", copy);
-  ASSERT_TRUE(WriteInfoPlist(bundle, "com.example.probe", true));
+  ASSERT_TRUE(WritePlist(bundle + "/Contents/Info.plist",
+                         R"({"CFBundleIdentifier": "com.example.probe"})", true));
 
   auto result = RunProgram({copy}, {"LUMETRY_BUNDLE_PROBE=1"});
   ASSERT_EQ(0, result.status) << result.err;
   EXPECT_EQ("EXE=" + copy + "\nBUNDLE=" + bundle + "\nID=com.example.probe\n", result.out);
 
   // An XML Info.plist is read too; a damaged one or none gives no identifier.
-  ASSERT_TRUE(WriteInfoPlist(tmp.Sub("Xml.app"), "com.example.xml", false) &&
+  ASSERT_TRUE(WritePlist(tmp.Sub("Xml.app/Contents/Info.plist"),
+                         R"({"CFBundleIdentifier": "com.example.xml"})", false) &&
               WriteFile(tmp.Sub("Broken.app/Contents/Info.plist"), "<plist><dict><key>"));
   const ScopedOverride main_bundle(&Platform::SetMainBundlePathForTesting, "");
   for (const std::string app : {"Xml.app", "Broken.app", "Bare"}) {

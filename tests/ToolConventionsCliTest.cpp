@@ -264,16 +264,6 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
        "current user, current host: ~/Library/Preferences/ByHost/com.t.HOST.plist\n"
        "any user, any host: ~/system/com.t.plist\nany user, current host: "
        "~/system/ByHost/com.t.HOST.plist\n"},
-      {"dflt", "", "%Dno verb given%U", 2},
-      {"dflt frob", "", "%Dunknown verb 'frob'%U", 2},
-      {"dflt read a b c", "", "%Dwrong number of arguments for 'read'%U", 2},
-      {"dflt write com.t k", "",
-       "%Dusage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))%U",
-       2},
-      {"dflt write com.t k -int 2147483648", "",
-       "%D-int needs a signed 32-bit integer, not '2147483648'%U", 2},
-      {"dflt write com.t k -int 1 -string s", "", "%Dgive -string or -int, not both%U", 2},
-      {"dflt read com.t -string s", "", "%D-string, -int and -dict-add belong to 'write'%U", 2},
       {"dflt read a/b", "", "%D'a/b' is not a valid domain name\n", 1},
       {"dflt delete \"$(printf 'com.\\351')\" k", "", "%D'com.\xE9' is not a valid domain name\n",
        1},
@@ -290,6 +280,17 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
        "%Dnone/x: No such file or directory\n", 1},
   };
   for (const Row& row : rows) Check(row);
+  for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
+           {"", "no verb given"},
+           {"frob", "unknown verb 'frob'"},
+           {"read a b c", "wrong number of arguments for 'read'"},
+           {"write com.t k",
+            "usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))"},
+           {"write com.t k -int 2147483648",
+            "-int needs a signed 32-bit integer, not '2147483648'"},
+           {"write com.t k -int 1 -string s", "give -string or -int, not both"},
+           {"read com.t -string s", "-string, -int and -dict-add belong to 'write'"}})
+    Check({"dflt " + args, "", "%D" + message + "%U", 2});
 }
 
 // A binary list {key: value} of two ASCII strings, with one-byte offsets and references.
