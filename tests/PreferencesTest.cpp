@@ -1,17 +1,22 @@
-// The preference store: value kinds, scopes and file modes, plistlib as an
-// independent reader and writer, refused calls, damaged files, racing writers.
+// The store's calls that no tool reaches, racing and dying writers, the plist
+// guards, and the privacy preferences.
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <uuid/uuid.h>
 
 #include <cstdint>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "PlatformPaths.h"
+#include "PlistTrailer.h"
+#include "Posix/PlistGuards.h"
+#include "Posix/ScopedPlist.h"
 #include "Preferences.h"
+#include "PrivacyPrefs.h"
 #include "TestSupport.h"
 
 namespace {
@@ -21,21 +26,21 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 constexpr PrefUser kMe = PrefUser::kCurrentUser;
 constexpr PrefHost kAny = PrefHost::kAnyHost;
+constexpr PrefHost kHere = PrefHost::kCurrentHost;
 const std::string kDomain = "com.example.preftest";
+const std::string kPrivacy = "com.quorvik.lumetryqx";
 
 class PreferencesTest : public ::testing::Test {
  protected:
   // The stored string / number, or a sentinel when the read fails.
-  static std::string Str(const std::string& key, const std::string& domain = kDomain,
-                         PrefUser user = kMe, PrefHost host = kAny) {
+  static std::string Str(const std::string& key) {
     std::string s = "<none>";
-    GetPreferenceString(key, domain, &s, user, host);
+    GetPreferenceString(key, kDomain, &s, kMe, kAny);
     return s;
   }
-  static std::int32_t Num(const std::string& key, const std::string& domain = kDomain,
-                          PrefUser user = kMe, PrefHost host = kAny) {
+  static std::int32_t Num(const std::string& key) {
     std::int32_t n = -99;
-    GetPreferenceNumber(key, domain, &n, user, host);
+    GetPreferenceNumber(key, kDomain, &n, kMe, kAny);
     return n;
   }
 
@@ -46,83 +51,30 @@ class PreferencesTest : public ::testing::Test {
   const std::string file_ = PreferenceFilePath(kDomain, kMe, kAny);
 };
 
-TEST_F(PreferencesTest, RoundTripsInEveryScopeAndFile) {
-  const std::string by_host = "ByHost/" + kDomain + "." + Platform::GetHostId() + ".plist";
-  const std::vector<std::tuple<PrefUser, PrefHost, std::string>> scopes = {
-      {kMe, kAny, home_.Library() + "/Preferences/" + kDomain + ".plist"},
-      {kMe, PrefHost::kCurrentHost, home_.Library() + "/Preferences/" + by_host},
-      {PrefUser::kAnyUser, kAny, system_.Sub(kDomain + ".plist")},
-      {PrefUser::kAnyUser, PrefHost::kCurrentHost, system_.Sub(by_host)}};
-  for (const auto& [user, host, file] : scopes) {
-    EXPECT_EQ(file, PreferenceFilePath(kDomain, user, host));
-    for (std::int32_t n : {0, -1, 42, INT32_MIN, INT32_MAX}) {
-      const std::string s = n == 0 ? "" : "h\xC3\xA9llo " + std::to_string(n);
-      ASSERT_TRUE(SetPreferenceNumber("n", kDomain, n, user, host) &&
-                  SetPreferenceString("s", kDomain, s, user, host));
-      EXPECT_EQ(n, Num("n", kDomain, user, host));
-      EXPECT_EQ(s, Str("s", kDomain, user, host));
-    }
-    EXPECT_EQ(0600, testing_support::FileMode(file));
-    EXPECT_EQ(0600, testing_support::FileMode(file + ".lock"));
-    Names keys = {"stale"};  // strings and numbers only: no dictionary keys
-    EXPECT_TRUE(GetDictionaryKeys("x", kDomain, &keys, user, host) && keys.empty());
-  }
-}
-
-// Our binary file read by plistlib, and plistlib's XML and binary files read by us.
-TEST_F(PreferencesTest, ExchangesEveryKindWithPlistlib) {
-  ASSERT_TRUE(SetPreferenceString("s", kDomain, "h\xC3\xA9", kMe, kAny));
-  ASSERT_TRUE(SetPreferenceNumber("min", kDomain, INT32_MIN, kMe, kAny));
-  ASSERT_TRUE(SetPreferenceDictionaryNumber("d", "n", kDomain, -9, kMe, kAny));
-  ASSERT_TRUE(SetPreferenceDictionaryString("d", "e", kDomain, "v", kMe, kAny));
-  const char* script = R"(
-import datetime, os, plistlib, pprint, sys
-data = open(sys.argv[1], 'rb').read()
-pprint.pprint((data[:8], plistlib.loads(data)))
-d = {'1s': 'h\u00e9', '2n': -7, '2big': 2**40, '4b': True, '4r': 1.5, '4data': b'x',
-     '4dt': datetime.datetime(2020, 1, 1), '3a': [1, 'x'], '0d': {'e': 'v', 'n': 3, 'x': [1]}}
-for name, fmt in (('py.x', plistlib.FMT_XML), ('py.b', plistlib.FMT_BINARY)):
-    open(os.path.join(os.path.dirname(sys.argv[1]), name + '.plist'), 'wb').write(plistlib.dumps(d, fmt=fmt))
-)";
-  auto run = testing_support::RunProgram({"/usr/bin/env", "python3", "-c", script, file_});
-  ASSERT_EQ(0, run.status) << run.err;
-  EXPECT_EQ("(b'bplist00', {'d': {'e': 'v', 'n': -9}, 'min': -2147483648, 's': 'h\xC3\xA9'})\n",
-            run.out);
-
-  for (const std::string domain : {"py.x", "py.b"}) {
-    EXPECT_EQ("h\xC3\xA9", Str("1s", domain));
-    EXPECT_EQ(-7, Num("2n", domain));
-    EXPECT_EQ(-99, Num("2big", domain));  // does not fit in 32 bits
-    // Each key starts with the kind code that its value must report.
-    for (const std::string key :
-         {"1s", "2n", "2big", "4b", "4r", "4data", "4dt", "3a", "0d", "4none"}) {
-      const int kind = key[0] - '0';
-      PrefValue value = CopyPreferenceValue(key, domain, kMe, kAny);
-      EXPECT_EQ(kind, PreferenceTypeOf(value)) << domain << " " << key;
-      for (int code = -1; code <= 4; ++code)
-        EXPECT_EQ(code == kind && kind != kPrefNone, IsPreferenceType(value, code)) << key;
-    }
-    Pairs pairs;
-    Names keys;
-    EXPECT_TRUE(GetPreferenceDictionaryPairs("0d", domain, &pairs, kMe, kAny) &&
-                GetDictionaryKeys("any", domain, &keys, kMe, kAny));
-    EXPECT_EQ((Pairs{{"e", "v"}}), pairs);  // only entries whose values are strings
-    EXPECT_EQ(Names{"0d"}, keys);           // only keys whose values are dictionaries
-  }
-}
-
 // Wrong kinds and bad arguments fail, keeping the caller's defaults and the file.
-TEST_F(PreferencesTest, RefusedCallsChangeNothingAndEntriesEditInPlace) {
-  ASSERT_TRUE(SetPreferenceDictionaryString("k", "e", kDomain, "stored", kMe, kAny));
-  ASSERT_TRUE(SetPreferenceString("str", kDomain, "12", kMe, kAny));
-  ASSERT_TRUE(SetPreferenceNumber("num", kDomain, 12, kMe, kAny));
-  std::string before;
-  ASSERT_TRUE(testing_support::ReadFile(file_, &before));
+TEST_F(PreferencesTest, ReadersKindsAndRefusedCalls) {
+  ASSERT_TRUE(SetPreferenceDictionaryString("k", "e", kDomain, "stored", kMe, kAny) &&
+              SetPreferenceDictionaryNumber("k", "n", kDomain, -9, kMe, kAny) &&
+              SetPreferenceString("str", kDomain, "12", kMe, kAny) &&
+              SetPreferenceNumber("num", kDomain, 12, kMe, kAny));
+  const std::string before = testing_support::Contents(file_);
   EXPECT_EQ(-99, Num("str"));
   EXPECT_EQ("<none>", Str("num"));
   Pairs pairs = {{"keep", "me"}};
   EXPECT_FALSE(GetPreferenceDictionaryPairs("str", kDomain, &pairs, kMe, kAny));
   EXPECT_EQ(1u, pairs.size());
+  Names keys;
+  EXPECT_TRUE(GetPreferenceDictionaryPairs("k", kDomain, &pairs, kMe, kAny) &&
+              GetDictionaryKeys("any", kDomain, &keys, kMe, kAny));
+  EXPECT_EQ((Pairs{{"e", "stored"}}), pairs);  // only entries whose values are strings
+  EXPECT_EQ(Names{"k"}, keys);                 // only keys whose values are dictionaries
+  for (const auto& [key, kind] : std::vector<std::pair<std::string, int>>{
+           {"k", kPrefDictionary}, {"str", kPrefString}, {"num", kPrefNumber}, {"no", kPrefNone}}) {
+    const PrefValue value = CopyPreferenceValue(key, kDomain, kMe, kAny);
+    EXPECT_EQ(kind, PreferenceTypeOf(value)) << key;
+    for (int code = -1; code <= 4; ++code)
+      EXPECT_EQ(code == kind && kind != kPrefNone, IsPreferenceType(value, code)) << key << code;
+  }
   const std::string bad = "k\xFF";
   using Case = std::tuple<std::string, std::string, std::string, std::string, PrefUser, PrefHost>;
   const std::vector<Case> cases = {{"str", "e", kDomain, "v", kMe, kAny},  // holds a string
@@ -144,51 +96,13 @@ TEST_F(PreferencesTest, RefusedCallsChangeNothingAndEntriesEditInPlace) {
     EXPECT_EQ(value == bad ? "stored" : "default", s);
   }
   EXPECT_EQ(before, testing_support::Contents(file_));
-
-  EXPECT_TRUE(RemovePreferenceDictionaryEntry("dict", "e", kDomain, kMe, kAny));
-  PrefValue created = CopyPreferenceValue("dict", kDomain, kMe, kAny);
-  EXPECT_TRUE(IsPreferenceType(created, kPrefDictionary) && created.Count() == 0);
-  ASSERT_TRUE(SetPreferenceDictionaryString("dict", "a", kDomain, "1", kMe, kAny) &&
-              SetPreferenceDictionaryString("dict", "b", kDomain, "2", kMe, kAny));
-  EXPECT_TRUE(RemovePreferenceDictionaryEntry("dict", "a", kDomain, kMe, kAny));
-  EXPECT_TRUE(GetPreferenceDictionaryPairs("dict", kDomain, &pairs, kMe, kAny));
-  EXPECT_EQ((Pairs{{"b", "2"}}), pairs);
-}
-
-TEST_F(PreferencesTest, DamagedFilesReadEmptyAndAreReplaced) {
-  ASSERT_TRUE(SetPreferenceString("k", "other", "kept", kMe, kAny));
-  ASSERT_TRUE(SetPreferenceString("k", kDomain, "v", kMe, kAny));
-  std::string valid;
-  ASSERT_TRUE(testing_support::ReadFile(file_, &valid));
-  // Every cut of a valid file, and of junk, reads the value (only when the
-  // bytes hold it) or nothing; the next write replaces it.
-  for (const std::string& whole :
-       {valid, std::string("<plist><dict><key>k</key><string>v</string></dict></plist>"),
-        std::string("garbage\n"), std::string("<plist><array/></plist>")}) {
-    for (std::size_t cut = 0; cut <= whole.size(); ++cut) {
-      ASSERT_TRUE(testing_support::WriteFile(file_, whole.substr(0, cut)));
-      const std::string read = Str("k");
-      EXPECT_TRUE(read == "<none>" || (read == "v" && whole.find('v') != std::string::npos)) << cut;
-      ASSERT_TRUE(SetPreferenceNumber("n", kDomain, 3, kMe, kAny));
-      EXPECT_EQ(3, Num("n"));
-      EXPECT_EQ(read, Str("k"));
-    }
-  }
-  EXPECT_EQ("kept", Str("k", "other"));
-}
-
-TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKey) {
-  for (int w = 0; w < 2; ++w) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      for (int i = w; i < 120; i += 2)
-        if (!SetPreferenceNumber("k" + std::to_string(i), kDomain, i, kMe, kAny)) _exit(1);
-      _exit(0);
-    }
-  }
-  for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
-  for (int i = 0; i < 120; ++i) EXPECT_EQ(i, Num("k" + std::to_string(i)));
+  // Removing an entry creates the dictionary if need be, and keeps the others.
+  EXPECT_TRUE(RemovePreferenceDictionaryEntry("new", "e", kDomain, kMe, kAny));
+  EXPECT_EQ(0u, CopyPreferenceValue("new", kDomain, kMe, kAny).Count());
+  EXPECT_TRUE(RemovePreferenceDictionaryEntry("k", "e", kDomain, kMe, kAny) &&
+              GetPreferenceDictionaryPairs("k", kDomain, &pairs, kMe, kAny) && pairs.empty());
+  std::int32_t n = 0;
+  EXPECT_TRUE(GetPreferenceDictionaryNumber("k", "n", kDomain, &n, kMe, kAny) && n == -9);
 }
 
 TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
@@ -210,24 +124,150 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
             testing_support::ListNames(home_.Library() + "/Preferences"));
 }
 
-// Another tool's binary file whose key is Latin-1 (a one-byte string "k\xE9"):
-// the key is repaired at read, so the domain can be written again and its
-// "MachineID" stays the same.
-TEST_F(PreferencesTest, KeyThatIsNotUtf8IsRepairedAndTheDomainStaysWritable) {
-  const std::string objects = std::string("\xD2\x01\x02\x03\x04", 5) + "\x59MachineID" +
-                              "\x52k\xE9" + "\x54ID-1" + std::string("\x10\x07", 2);
-  std::string trailer(32, '\0');
-  trailer[6] = trailer[7] = 1;  // one-byte offsets and references; five objects, the
-  trailer[15] = 5;              // first one on top, the offset table after them
-  trailer[31] = 33;
-  ASSERT_TRUE(testing_support::WriteFile(
-      file_, "bplist00" + objects + std::string("\x08\x0D\x17\x1A\x1F", 5) + trailer));
-  ASSERT_EQ("ID-1", Str("MachineID"));
-  EXPECT_TRUE(SetPreferenceNumber("send", kDomain, 1, kMe, kAny));
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ("ID-1", Str("MachineID")) << round;
-    EXPECT_EQ(7, Num("k\xC3\xA9")) << round;
+// Processes released at once: one machine identifier made, no key lost.
+TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKeyAndOneMachineId) {
+  constexpr int kProcesses = 4;
+  auto id_file = [&](int i) { return home_.path() + "/id" + std::to_string(i); };
+  int gate[2];
+  ASSERT_EQ(0, pipe(gate));
+  for (int w = 0; w < kProcesses; ++w) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      char c;
+      close(gate[1]);
+      if (read(gate[0], &c, 1) != 0) _exit(2);  // end of file: everyone is released at once
+      if (!testing_support::WriteFile(id_file(w), GetMachineID())) _exit(1);
+      for (int i = w; i < 120; i += kProcesses)
+        if (!SetPreferenceNumber("k" + std::to_string(i), kDomain, i, kMe, kAny)) _exit(1);
+      _exit(0);
+    }
   }
+  close(gate[0]);
+  close(gate[1]);
+  for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
+  for (int i = 0; i < 120; ++i) EXPECT_EQ(i, Num("k" + std::to_string(i)));
+  const std::string id = GetMachineID();
+  for (int i = 0; i < kProcesses; ++i) EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
+}
+
+TEST_F(PreferencesTest, MachineIdIsKeptAsStoredElseMadeAnew) {
+  ASSERT_TRUE(SetPreferenceString("MachineID", kPrivacy, "abc0def", kMe, kHere));
+  EXPECT_EQ("abc0def", GetMachineID());
+  // A value of another kind is no identifier: a new one replaces it.
+  ASSERT_TRUE(SetPreferenceNumber("MachineID", kPrivacy, 5, kMe, kHere));
+  const std::string fresh = GetMachineID();
+  uuid_t parsed;  // 36 characters, random (version 4), upper case
+  EXPECT_TRUE(uuid_parse(fresh.c_str(), parsed) == 0 && uuid_type(parsed) == UUID_TYPE_DCE_RANDOM &&
+              fresh.find_first_of("abcdef") == std::string::npos);
+}
+
+TEST_F(PreferencesTest, FlagsAndTheirDefaults) {
+  EXPECT_FALSE(IsCollectionDisabled());
+  EXPECT_EQ("", GetUserType());
+  ASSERT_TRUE(SetPreferenceString("UserType", kPrivacy, "Student", kMe, kHere));
+  EXPECT_EQ("Student", GetUserType());
+  // Absent, a non-zero number or a string (no number at all) means on.
+  for (const auto& [key, flag] : std::vector<std::pair<std::string, bool (*)()>>{
+           {"obfuscate", &IsObfuscationOn}, {"send", &IsSendAllowed}}) {
+    std::string seen = flag() ? "1" : "0";
+    for (const std::int32_t n : {0, -3}) {
+      ASSERT_TRUE(SetPreferenceNumber(key, kPrivacy, n, kMe, kHere));
+      seen += flag() ? "1" : "0";
+    }
+    ASSERT_TRUE(SetPreferenceString(key, kPrivacy, "0", kMe, kHere));
+    EXPECT_EQ("1011", seen + (flag() ? "1" : "0")) << key;
+  }
+
+  // The opt-in lives in the dictionary named by the signed-in person.
+  ASSERT_TRUE(WriteTelemetryNumber("P-1", "optin", 0));
+  EXPECT_EQ(1, GetOptIn());
+  ASSERT_TRUE(SetPreferenceString("PersonGUID", kPrivacy, "P-1", kMe, kHere));
+  EXPECT_EQ(0, GetOptIn());
+
+  // Collection is switched off machine-wide only, by "Enabled" 0.
+  for (const auto& [user, enabled, disabled] : std::vector<std::tuple<PrefUser, int, bool>>{
+           {kMe, 0, false}, {PrefUser::kAnyUser, 0, true}, {PrefUser::kAnyUser, 2, false}}) {
+    ASSERT_TRUE(SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", enabled, user, kHere));
+    EXPECT_EQ(disabled, IsCollectionDisabled()) << enabled;
+  }
+}
+
+TEST_F(PreferencesTest, PIINoticeFile) {
+  const std::string path =
+      home_.Library() + "/Application Support/Quorvik/PII/com.quorvik.pii.prefs";
+  EXPECT_TRUE(GetPIIPrefsPath() == path && !IsPIINoticeShown());  // no file
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"<PIINOTICESHOWN>YES</PIINOTICESHOWN></prefs>", true},
+      {"<PIINOTICESHOWN>yes </PIINOTICESHOWN></prefs>", false},
+      {"<PIINOTICESHOWN>Y\nES</PIINOTICESHOWN>\n</prefs>", true},       // lines joined
+      {"<PIINOTICESHOWN>yes</PIINOTICESHOWN><broken", true},            // kept before the error
+      {"<pref name=\"piiNoticeShown\">yes</pref></prefs>", true},       // attribute matches
+      {"<PIINOTICESHOWN>y<b>no</b>es</PIINOTICESHOWN></prefs>", true},  // child not collected
+      {"<PIINOTICESHOWN>yes</PIINOTICESHOWN><PIINOTICESHOWN>yes</PIINOTICESHOWN></prefs>", false},
+  };
+  for (const auto& [body, shown] : cases) {
+    ASSERT_TRUE(testing_support::WriteFile(path, "<?xml version=\"1.0\"?>\n<prefs>\n" + body));
+    EXPECT_EQ(shown, IsPIINoticeShown()) << body;
+  }
+}
+
+// One trailer field spoiled at a time, with values that overflow naive arithmetic.
+TEST(PlistTrailerTest, EveryFieldIsCheckedAgainstTheFile) {
+  const auto make = [](unsigned offset_size, unsigned ref_size, std::uint64_t count,
+                       std::uint64_t top, std::uint64_t table, unsigned char entry) {
+    // An empty dictionary at 8, the offset table at 9, then the trailer.
+    std::string bytes = "bplist00\xD0" + std::string(1, static_cast<char>(entry)) +
+                        std::string(6, '\0') + static_cast<char>(offset_size) +
+                        static_cast<char>(ref_size);
+    for (std::uint64_t value : {count, top, table})
+      for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+    return bytes;
+  };
+  const std::uint64_t kMax = ~std::uint64_t{0};
+  PlistTrailer::Fields fields;
+  const std::string sound = make(1, 1, 1, 0, 9, 8);
+  EXPECT_TRUE(PlistTrailer::IsSound(sound.data(), sound.size(), &fields));
+  for (const std::string& b :
+       {make(0, 1, 1, 0, 9, 8), make(9, 1, 1, 0, 9, 8), make(1, 0, 1, 0, 9, 8),
+        make(1, 9, 1, 0, 9, 8), make(1, 1, 0, 0, 9, 8), make(1, 1, 1, 1, 9, 8),
+        make(1, 1, kMax, 0, 9, 8), make(8, 8, kMax / 4, 0, 9, 8), make(1, 1, 1, 0, kMax - 7, 8),
+        make(1, 1, 1, 0, 3, 8), make(1, 1, 1, 0, 10, 8), make(1, 1, 1, 0, 9, 9),
+        make(1, 1, 1, 0, 9, 2), make(1, 1, 1, 0, 9, 8).substr(0, 39),
+        "bplist01" + make(1, 1, 1, 0, 9, 8).substr(8)})
+    EXPECT_FALSE(PlistTrailer::IsSound(b.data(), b.size(), &fields)) << b.size();
+}
+
+// Nesting, loops and counts past the objects are refused before the library recurses.
+TEST(PlistTrailerTest, NestingLoopsAndCountsAreBounded) {
+  const std::uint32_t limit = PlistTrailer::kMaxDepth;
+  using testing_support::NestedBinaryArrays;
+  std::string overrun = NestedBinaryArrays(2);
+  overrun[8] = '\xA5';  // five references where the object area holds one
+  const std::pair<std::string, bool> cases[] = {{NestedBinaryArrays(1), true},
+                                                {NestedBinaryArrays(limit), true},
+                                                {NestedBinaryArrays(limit + 1), false},
+                                                {NestedBinaryArrays(3, true), false},
+                                                {overrun, false}};
+  for (const auto& [bytes, sound] : cases)
+    EXPECT_EQ(sound, PlistTrailer::IsWithinBounds(bytes.data(), bytes.size())) << bytes.size();
+}
+
+// Bytes that would not read back as the tree (text not UTF-8) are refused until repaired.
+TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
+  const ScopedPlist owner = AdoptPlist(plist_new_dict());
+  const auto tree = static_cast<plist_t>(owner.get());
+  plist_dict_set_item(tree, "MachineID", plist_new_string("ID-1"));
+  plist_dict_set_item(tree, "city", plist_new_string("\xE9t\xE9"));
+  std::string bytes = "untouched";
+  EXPECT_FALSE(plist_guard::SerialiseVerified(tree, &bytes));
+  EXPECT_EQ("untouched", bytes);
+  plist_guard::RepairStrings(tree);
+  ASSERT_TRUE(plist_guard::SerialiseVerified(tree, &bytes));
+  const ScopedPlist reread = AdoptPlist(plist_guard::Parse(bytes));
+  EXPECT_TRUE(plist_guard::SameTree(tree, static_cast<plist_t>(reread.get())));
+  plist_dict_set_item(static_cast<plist_t>(reread.get()), "city", plist_new_string("ete"));
+  EXPECT_FALSE(plist_guard::SameTree(tree, static_cast<plist_t>(reread.get())));
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// The built operator tools driven as an operator would, one table row per
-// case: a shell script run in a sandbox HOME (the any-user preference
-// directory and the XDG directories inside it, the tools first on PATH) and
-// the exact status, standard output and standard error it must give. Python's
-// plistlib, an independent implementation of the file format, writes and
-// reads property lists for the rows (pl FILE [JSON [bin]]).
+// The built operator tools driven as an operator would: a row is a shell script
+// run in a sandbox HOME (holding the any-user and XDG directories; the tools
+// first on PATH), its exact output and status. Python's plistlib, another
+// implementation of the file format, writes and reads lists (pl FILE [JSON [bin]]).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -17,14 +15,12 @@ namespace {
 
 namespace ts = testing_support;
 
+// A script, its output and status; bytes planted first as the domain file com.t.
 struct Row {
-  std::string plant;  // bytes of the domain file com.t (current user, any host), if any
-  std::string script;
-  std::string out;
-  std::string err;
-  int status;
+  std::string script, out, err = "";
+  int status = 0;
+  std::string plant = "";
 };
-
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
   for (auto at = text.find(from); !from.empty() && at != std::string::npos;
        at = text.find(from, at + to.size()))
@@ -57,11 +53,22 @@ else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
   return run;
 }
 
+// Abbreviations in expected texts: message prefixes, usage hints, the default server.
+std::string Expand(std::string text) {
+  for (const auto& [from, to] : {std::pair<const char*, const char*>{"%D", "lumetry-defaults: "},
+                                 {"%C", "logcourier-config: "},
+                                 {"%U", "\nTry 'lumetry-defaults --help'.\n"},
+                                 {"%V", "\nTry 'logcourier-config --help'.\n"},
+                                 {"%L", "https://lumetry.quorvik.com/lumetry"}})
+    text = Replace(text, from, to);
+  return text;
+}
+
 void Check(const Row& row) {
   SCOPED_TRACE(row.script);
   const ts::RunResult run = Run(row.script, row.plant);
-  EXPECT_EQ(row.out, run.out);
-  EXPECT_EQ(row.err, run.err);
+  EXPECT_EQ(Expand(row.out), run.out);
+  EXPECT_EQ(Expand(row.err), run.err);
   EXPECT_EQ(row.status, run.status);
 }
 
@@ -71,9 +78,9 @@ const std::vector<std::string> kTools = {"ulog-decode", "logcourier-config", "lu
 
 TEST(ToolConventionsCliTest, HelpVersionAndUnknownOptions) {
   for (const std::string& tool : kTools) {
-    Check({"", tool + " --version", tool + " " + kVersion + "\n", "", 0});
-    Check({"", tool + " --help | cut -d' ' -f1,2 | head -1 && " + tool + " --help 2>&1 >/dev/null",
-           "Usage: " + tool + "\n", "", 0});
+    Check({tool + " --version", tool + " " + kVersion + "\n"});
+    Check({tool + " --help | cut -d' ' -f1,2 | head -1 && " + tool + " --help 2>&1 >/dev/null",
+           "Usage: " + tool + "\n"});
     const std::string hint = "\nTry '" + tool + " --help'.\n";
     for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
              {"--x", "unrecognized option '--x'"},
@@ -81,7 +88,7 @@ TEST(ToolConventionsCliTest, HelpVersionAndUnknownOptions) {
              {"-z", "invalid option -- 'z'"},
              {"--help=x", "option '--help' doesn't allow an argument"},
              {"--nope --version", "unrecognized option '--nope'"}})
-      Check({"", tool + " " + args, "", tool + ": " + message + hint, 2});
+      Check({tool + " " + args, "", tool + ": " + message + hint, 2});
   }
 }
 
@@ -94,7 +101,7 @@ TEST(ToolConventionsCliTest, UnreadableInputsFullOutputAndTheInputCap) {
          std::vector<std::pair<std::string, std::string>>{{"none", "No such file or directory"},
                                                           {"/", "Is a directory"},
                                                           {"big", "larger than " + mib + " MiB"}})
-      Check({"", "truncate -s $((" + mib + " * 1048576 + 1)) big; " + command + " " + file, "",
+      Check({"truncate -s $((" + mib + " * 1048576 + 1)) big; " + command + " " + file, "",
              tool + ": " + file + ": " + reason + "\n", 1});
   }
   const std::string doc = "printf '[settings]\\n<doc/>\\n' > doc.xml; ";
@@ -102,34 +109,30 @@ TEST(ToolConventionsCliTest, UnreadableInputsFullOutputAndTheInputCap) {
                                 "lumetry-sysinfo", "lumetry-defaults paths"}) {
     const std::string tool = run.substr(0, run.find(' '));
     const std::string full = tool + ": write error: No space left on device\n";
-    Check({"", doc + run + " >/dev/full", "", full, 1});
-    Check({"", tool + " --help >/dev/full", "", full, 1});
+    Check({doc + run + " >/dev/full", "", full, 1});
+    Check({tool + " --help >/dev/full", "", full, 1});
   }
   // A settings text of exactly the cap is read.
   Check(
-      {"",
-       "printf '[settings]\\nmaxretries=4\\n' > c; head -c 1048552 /dev/zero | tr '\\0' '\\n' >>c;"
+      {"printf '[settings]\\nmaxretries=4\\n' > c; head -c 1048552 /dev/zero | tr '\\0' '\\n' >>c;"
        "logcourier-config --file c | grep maxRetries",
-       "maxRetries: 4\n", "", 0});
+       "maxRetries: 4\n"});
 }
 
 TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
   const std::string browser = "lumetry-sysinfo | sed -n 's/^Browser: //p'";
   const std::string handlers = "pl $P/com.apple.LaunchServices.plist '{\"LSHandlers\": ";
   const Row rows[] = {
-      {"", "lumetry-sysinfo | sed 's/:.*//'", "CPU\nModel\nCPU MHz\nBrowser\n", "", 0},
-      {"", "lumetry-sysinfo | sed -n 's/^CPU MHz: //p' | grep -Ec '^(0|[1-9][0-9]*)$'", "1\n", "",
-       0},
-      {"",
-       "lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
+      {"lumetry-sysinfo | sed -E 's/^(CPU MHz: )(0|[1-9][0-9]*)$/\\1N/; s/^(CPU|Model|Browser): "
+       ".*/\\1/'",
+       "CPU\nModel\nCPU MHz: N\nBrowser\n"},
+      {"lumetry-sysinfo --json | python3 -c 'import json, sys; d = json.load(sys.stdin); "
        "print(list(d), type(d[\"cpuMHz\"]).__name__, d[\"browser\"])'",
-       "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n", "", 0},
-      {"", "lumetry-sysinfo extra", "",
+       "['cpu', 'model', 'cpuMHz', 'browser'] int com.apple.safari\n"},
+      {"lumetry-sysinfo extra", "",
        "lumetry-sysinfo: unexpected argument 'extra'\nTry 'lumetry-sysinfo --help'.\n", 2},
-      // Skipped in turn: another scheme, an upper-case scheme, no role handler,
-      // an empty one, no dictionary, no string; the first usable one is kept as written.
-      {"",
-       handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
+      // Unusable handlers are skipped; the first usable one is kept as written.
+      {handlers + R"([{"LSHandlerURLScheme": "mailto", "LSHandlerRoleAll": "m.mail"},
            {"LSHandlerURLScheme": "HTTP", "LSHandlerRoleAll": "com.a"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleViewer": "com.a"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": ""}, "not a dictionary",
@@ -137,18 +140,58 @@ TEST(ToolConventionsCliTest, SysinfoPrintsTheProbesAndTheBrowserHandler) {
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "Org.Mozilla.FIREFOX"},
            {"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.c"}]}' bin; )" +
            browser,
-       "Org.Mozilla.FIREFOX\n", "", 0},
-      {"", handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
-       "com.apple.safari\n", "", 0},
-      // Only [Default Applications] counts, and the first entry of its list; a
-      // LaunchServices handler comes first.
-      {"",
-       "mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
+       "Org.Mozilla.FIREFOX\n"},
+      {handlers + R"({"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "a"}}'; )" + browser,
+       "com.apple.safari\n"},
+      // The first XDG [Default Applications] entry, unless LaunchServices names one.
+      {"mkdir etc; printf '# c\\n[Added Associations]\\nx-scheme-handler/http=added.desktop\\n"
        "[Default Applications]\\r\\ntext/html=h.desktop\\n x-scheme-handler/http = ;first.desktop;"
        "second.desktop;\\r\\n' > etc/mimeapps.list; " +
            browser + "; " + handlers +
            R"([{"LSHandlerURLScheme": "http", "LSHandlerRoleAll": "com.ls"}]}'; )" + browser,
-       "first.desktop\ncom.ls\n", "", 0},
+       "first.desktop\ncom.ls\n"},
+  };
+  for (const Row& row : rows) Check(row);
+}
+
+// A settings file shown (refusals named) and left as it was; else the user's copy.
+TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
+  const std::string mine =
+      "printf '[settings]\\nmaxretries=9\\nmaxdiskspace=50\\nurl=http://up.quorvik.com/b\\n"
+      "[ulog]\\nstatus=Hibernate\\nwakeupdate=2001-01-01\\n[hibernate]\\nb_2=y\\na_1=x|2999-01-"
+      "01\\n' >c; cp c o; ";
+  const std::string bad =
+      "printf '[settings]\\nmaxdiskspace=99999\\nretryinterval=0\\nmaxretries=5\\n"
+      "url=https://evil.example.org/x\\n[ulog]\\nstatus=kill\\n' >c; ";
+  const std::string u = "http://up.quorvik.com/b";
+  const std::string refused =
+      "%Cc: maxdiskspace=99999 refused (accepted 5..100), using 10\n%Cc: "
+      "retryinterval=0 refused (accepted 1..60), using 10\n%Cc: url=https://evil.example.org/x "
+      "refused (not an allowed server address), using %L\n%Cc: status=kill refused (accepted "
+      "Active, Kill, Hibernate), using Active\n";
+  const Row rows[] = {
+      {mine + "logcourier-config --file c && cmp c o",
+       "file: c\nmaxDiskSpace: 50\nretryInterval: 10\nmaxRetries: 3\nserverUrl: " + u +
+           "\nuploadUrl: " + u + "/UploadFile/\nconfigUrl: " + u + "/GetConfig/\ntarvixUrl: " + u +
+           "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
+       "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
+      {bad + "logcourier-config --json --file c",
+       R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L",)"
+       R"("uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/",)"
+       R"("status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999",)"
+       R"("reason":"accepted 5..100","using":"10"},{"key":"retryinterval","value":"0","reason":)"
+       R"("accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x",)"
+       R"("reason":"not an allowed server address","using":"%L"},{"key":"status","value":)"
+       R"("kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
+       "\n",
+       refused, 0},
+      {"logcourier-config | head -1",
+       "file: ~/Library/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg\n"},
+      {": >f; HOME=$PWD/f logcourier-config", "",
+       "%Ccannot find or create the user's configuration directory\n", 1},
+      {"logcourier-config --file", "", "%Coption '--file' requires an argument%V", 2},
+      {"logcourier-config --file=", "", "%C--file needs a non-empty path%V", 2},
+      {"logcourier-config stray", "", "%Cunexpected argument 'stray'%V", 2},
   };
   for (const Row& row : rows) Check(row);
 }
@@ -159,35 +202,29 @@ TEST(ToolConventionsCliTest, DefaultsEveryVerbInEveryScope) {
            {"-currentHost", "~/Library/Preferences/ByHost/com.t.HOST.plist"},
            {"-anyUser", "~/system/com.t.plist"},
            {"-anyUser -currentHost", "~/system/ByHost/com.t.HOST.plist"}}) {
-    const std::string d = "dflt " + flags + " ";
     const std::string f = Replace(Replace(file, "~", "\"$HOME\""), "HOST", "$H");
-    Check({"",
-           d + "write com.t name -string 'a \"b\"' && " + d + "write com.t count -int -12 && " + d +
-               "write com.t plain word && " + d + "write com.t map -dict-add n -int 3 && " + d +
-               "write com.t map -dict-add t -string x && pl " + f + " && stat -c %a " + f + " " +
-               f + ".lock && " + d + "read com.t && " + d + "read com.t count && " + d +
-               "read-type com.t map && " + d + "domains; " + d +
-               "write com.t name -dict-add e -int 1; " + d + "delete com.t count && " + d +
-               "delete com.t count; " + d + "delete com.t && " + d + "domains && " + d +
-               "read com.t || " + d + "delete com.t",
+    Check({"d() { dflt " + flags + " \"$@\"; }; F=" + f +
+               R"(; d write com.t name -string 'a "b"' && d write com.t count -int -12 &&)"
+               R"( d write com.t plain word && d write com.t map -dict-add n -int 3 &&)"
+               R"( d write com.t map -dict-add t -string x && pl "$F" && stat -c %a "$F" "$F.lock")"
+               R"( && d read com.t && d read com.t count && d read-type com.t map && d domains;)"
+               R"( d write com.t name -dict-add e -int 1; d delete com.t count && d delete com.t)"
+               R"( count; d delete com.t && d domains && d read com.t || d delete com.t)",
            "{\"count\": -12, \"map\": {\"n\": 3, \"t\": \"x\"}, \"name\": \"a \\\"b\\\"\", "
            "\"plain\": \"word\"}\n600\n600\n{\n    name = \"a \\\"b\\\"\";\n    count = -12;\n"
            "    plain = \"word\";\n    map = {\n        n = 3;\n        t = \"x\";\n    };\n}\n"
            "-12\nType is dictionary\ncom.t\n",
-           "lumetry-defaults: " + file + ": 'name' holds a string, not a dictionary\n" +
-               "lumetry-defaults: " + file + ": no key 'count'\nlumetry-defaults: " + file +
-               ": No such file or directory\nlumetry-defaults: " + file +
-               ": No such file or directory\n",
+           Replace("%D@: 'name' holds a string, not a dictionary\n%D@: no key 'count'\n%D@: No "
+                   "such file or directory\n%D@: No such file or directory\n",
+                   "@", file),
            1});
   }
 }
 
-const char kUsage[] = "\nTry 'lumetry-defaults --help'.\n";
-const std::string kNotDictionary = ": not a property list holding a dictionary\n";
-const std::string kNoDictionary = "lumetry-defaults: x" + kNotDictionary;
-const std::string kStore = "lumetry-defaults: ~/Library/Preferences/com.t.plist: cannot store ";
-
 TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
+  const std::string kNotDict = ": not a property list holding a dictionary\n";
+  const std::string kStore = "%D~/Library/Preferences/com.t.plist: cannot store ";
+  const std::string kUnwritable = " (invalid text or unwritable file)\n";
   const std::string json = R"({"arr": [1, "two", {"k": "v"}], "b": true, "big": 1099511627776, )"
                            R"("r": 1.5, "s": "caf\u00e9 \"q\""})";
   const std::string exchange =
@@ -201,75 +238,59 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
       ";\n}\nType is array\nType is boolean\nType is integer\nType is real\nType is string\n" +
       json + "\n" + json + "\n<?xml " + Replace(json, "\"r\"", "\"i\": 8, \"r\"") + "\n";
   const Row rows[] = {
-      {"", "pl $P/com.t.plist '" + json + "'" + exchange, exchanged, "", 0},
-      {"", "pl $P/com.t.plist '" + json + "' bin" + exchange, exchanged, "", 0},
-      {"",
-       "dflt write com.t a -int -2147483648 && dflt write com.t b -int 2147483647 && "
+      {"pl $P/com.t.plist '" + json + "'" + exchange, exchanged},
+      {"pl $P/com.t.plist '" + json + "' bin" + exchange, exchanged},
+      {"dflt write com.t a -int -2147483648 && dflt write com.t b -int 2147483647 && "
        "dflt write com.t e -string '' && dflt write com.t u \"$(printf 'h\\303\\251')\" && "
        "pl $P/com.t.plist",
        R"({"a": -2147483648, "b": 2147483647, "e": "", "u": "h\u00e9"})"
-       "\n",
-       "", 0},
-      {"",
-       R"(printf '<plist><dict><key>odd key</key><array><dict/><array/></array><key>d</key><data>)"
+       "\n"},
+      {R"(printf '<plist><dict><key>odd key</key><array><dict/><array/></array><key>d</key><data>)"
        R"(AAH/</data><key>t</key><date>2001-01-02T00:00:00Z</date><key>e</key><string>a"b\\c\nd)"
        R"(\te\001</string></dict></plist>' >$P/com.t.plist; dflt read com.t; dflt read-type com.t)"
        R"( d; dflt read-type com.t t)",
        "{\n    \"odd key\" = (\n        {\n        },\n        (\n        )\n    );\n"
        "    d = <0001ff>;\n    t = 2001-01-02 00:00:00 +0000;\n    e = "
        "\"a\\\"b\\\\c\\nd\\te\\001\";"
-       "\n}\nType is data\nType is date\n",
-       "", 0},
-      {"",
-       "dflt write com.b n -int 1 && dflt write com.a n -int 1 && dflt -currentHost write com.h k "
+       "\n}\nType is data\nType is date\n"},
+      {"dflt write com.b n -int 1 && dflt write com.a n -int 1 && dflt -currentHost write com.h k "
        "v && dflt -anyUser write com.s k v && : >$P/.com.a.plist.Xy12ab && : >$P/.hidden.plist && "
        "mkdir $P/f.plist && : >$P/notes.txt && dflt domains && dflt -currentHost domains && "
        "dflt -anyUser domains && dflt -anyUser -currentHost domains && dflt read",
        "com.a\ncom.b\ncom.h\ncom.s\n{\n    com.a = {\n        n = 1;\n    };\n    com.b = {\n"
-       "        n = 1;\n    };\n}\n",
-       "", 0},
-      {"", "dflt paths com.t",
+       "        n = 1;\n    };\n}\n"},
+      {"dflt paths com.t",
        "HOST-ID: HOST\ncurrent user, any host: ~/Library/Preferences/com.t.plist\n"
        "current user, current host: ~/Library/Preferences/ByHost/com.t.HOST.plist\n"
        "any user, any host: ~/system/com.t.plist\nany user, current host: "
-       "~/system/ByHost/com.t.HOST.plist\n",
-       "", 0},
-      {"", "dflt", "", std::string("lumetry-defaults: no verb given") + kUsage, 2},
-      {"", "dflt frob", "", std::string("lumetry-defaults: unknown verb 'frob'") + kUsage, 2},
-      {"", "dflt read a b c", "",
-       std::string("lumetry-defaults: wrong number of arguments for 'read'") + kUsage, 2},
-      {"", "dflt write com.t k", "",
-       "lumetry-defaults: usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY "
-       "(-string S | -int N))" +
-           std::string(kUsage),
-       2},
-      {"", "dflt write com.t k -int 2147483648", "",
-       "lumetry-defaults: -int needs a signed 32-bit integer, not '2147483648'" +
-           std::string(kUsage),
-       2},
-      {"", "dflt write com.t k -int 1 -string s", "",
-       "lumetry-defaults: give -string or -int, not both" + std::string(kUsage), 2},
-      {"", "dflt read com.t -string s", "",
-       "lumetry-defaults: -string, -int and -dict-add belong to 'write'" + std::string(kUsage), 2},
-      {"", "dflt read a/b", "", "lumetry-defaults: 'a/b' is not a valid domain name\n", 1},
-      {"", "dflt delete \"$(printf 'com.\\351')\" k", "",
-       "lumetry-defaults: 'com.\xE9' is not a valid domain name\n", 1},
-      {"", "dflt write com.t \"$(printf 'k\\377')\" v", "",
-       kStore + "'k\xFF' (invalid text or unwritable file)\n", 1},
-      {"", "pl x '[]'; dflt import com.t x", "", kNoDictionary, 1},
-      {"", "echo junk >x; dflt import com.t x", "", kNoDictionary, 1},
-      {"", ": >x; dflt import com.t x", "", kNoDictionary, 1},
-      {"", "printf 'bplist00\\377\\377' | dflt import com.t -", "",
-       "lumetry-defaults: standard input" + kNotDictionary, 1},
+       "~/system/ByHost/com.t.HOST.plist\n"},
+      {"dflt read a/b", "", "%D'a/b' is not a valid domain name\n", 1},
+      {"dflt delete \"$(printf 'com.\\351')\" k", "", "%D'com.\xE9' is not a valid domain name\n",
+       1},
+      {"dflt write com.t \"$(printf 'k\\377')\" v", "", kStore + "'k\xFF'" + kUnwritable, 1},
+      {"pl x '[]'; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"echo junk >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {": >x; dflt import com.t x", "", "%Dx" + kNotDict, 1},
+      {"printf 'bplist00\\377\\377' | dflt import com.t -", "", "%Dstandard input" + kNotDict, 1},
       // A FIFO at the domain file or at its lock: refused at once, never waited on.
-      {"", "mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
-       kStore + "'k' (invalid text or unwritable file)\n", 1},
-      {"", "mkfifo $P/com.t.plist.lock; dflt write com.t k v", "",
-       kStore + "'k' (invalid text or unwritable file)\n", 1},
-      {"", "dflt write com.t k v && dflt export com.t none/x", "",
-       "lumetry-defaults: none/x: No such file or directory\n", 1},
+      {"mkfifo $P/com.t.plist; dflt write com.t k -dict-add e -int 1", "",
+       kStore + "'k'" + kUnwritable, 1},
+      {"mkfifo $P/com.t.plist.lock; dflt write com.t k v", "", kStore + "'k'" + kUnwritable, 1},
+      {"dflt write com.t k v && dflt export com.t none/x", "",
+       "%Dnone/x: No such file or directory\n", 1},
   };
   for (const Row& row : rows) Check(row);
+  for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
+           {"", "no verb given"},
+           {"frob", "unknown verb 'frob'"},
+           {"read a b c", "wrong number of arguments for 'read'"},
+           {"write com.t k",
+            "usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))"},
+           {"write com.t k -int 2147483648",
+            "-int needs a signed 32-bit integer, not '2147483648'"},
+           {"write com.t k -int 1 -string s", "give -string or -int, not both"},
+           {"read com.t -string s", "-string, -int and -dict-add belong to 'write'"}})
+    Check({"dflt " + args, "", "%D" + message + "%U", 2});
 }
 
 // A binary list {key: value} of two ASCII strings, with one-byte offsets and references.
@@ -289,12 +310,10 @@ std::string Spoiled(std::string bytes, std::size_t from_end, char byte) {
   return bytes;
 }
 
-// Files of other programs, damaged or hostile, at a domain: each reads as what
-// it soundly holds (else as empty) without a crash or hang, and the next write
-// keeps every key that was read.
+// Damaged or hostile files read as what they soundly hold (else empty), never
+// crash or hang, and the next write keeps every key that was read.
 TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   const std::string script = "dflt read com.t; dflt write com.t n -int 1; pl $P/com.t.plist";
-  const std::string empty = "{\n}\n{\"n\": 1}\n";
   const std::string nul(1, '\0');
   std::string deep_xml = "<plist><dict><key>k</key>";
   for (int i = 0; i < 100000; ++i) deep_xml += "<array>";
@@ -304,50 +323,35 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
       "<key>MachineID</key><string>ID-1</string><key>city</key><string>\xE9t\xE9</string>"
       "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
-  // {"MachineID": "ID-1", "k\xE9" (one byte, Latin-1): 7}
-  const std::string latin1_key = std::string("bplist00\xD2\x01\x02\x03\x04\x59MachineID", 23) +
-                                 "\x52k\xE9\x54ID-1\x10\x07\x08\x0D\x17\x1A\x1F" +
-                                 std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') + "\x05" +
-                                 std::string(15, '\0') + "\x21";
   const Row rows[] = {
-      {valid, script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0},
-      {valid.substr(0, valid.size() - 1), script, empty, "", 0},
-      {Spoiled(valid, 26, 9), script, empty, "", 0},       // offset size
-      {Spoiled(valid, 24, '\xFF'), script, empty, "", 0},  // object count
-      {Spoiled(valid, 8, '\x80'), script, empty, "", 0},   // offset table position
-      {Spoiled(valid, 1, '\xFF'), script, empty, "", 0},
-      {"garbage\n", script, empty, "", 0},
-      {"<plist><array/></plist>", script, empty, "", 0},
-      {deep_xml + "</dict></plist>", script, empty, "", 0},
-      {ts::NestedBinaryArrays(200000), script, empty, "", 0},
-      {ts::NestedBinaryArrays(3, true), script, empty, "", 0},
-      // The library aborts on a NUL in a key: such files read empty; a
-      // binary string is cut at its NUL.
-      {BinaryPair("k", "ab" + nul + "cd"), script,
-       "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0},
-      {BinaryPair("k" + nul, "v"), script, empty, "", 0},
-      {"<plist><dict><key>k</key><string>a" + nul + "</string></dict></plist>", script, empty, "",
-       0},
-      {"<plist><dict><key>k&#0;</key><string>v</string></dict></plist>", script, empty, "", 0},
-      {"<plist><dict><key>k&#x000;</key><string>v</string></dict></plist>", script, empty, "", 0},
+      {script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0, valid},
+      // A binary string is cut at its NUL.
+      {script, "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0,
+       BinaryPair("k", "ab" + nul + "cd")},
       // Text that is not UTF-8 is repaired at read, so no key is lost at the write.
-      {latin1_xml, script,
+      {script,
        "{\n    MachineID = \"ID-1\";\n    city = \"\xC3\xA9t\xC3\xA9\";\n    d = {\n"
        "        \"k\xC3\xBF\" = \"v\xC3\xBF\";\n    };\n}\n"
        R"({"MachineID": "ID-1", "city": "\u00e9t\u00e9", "d": {"k\u00ff": "v\u00ff"}, "n": 1})"
        "\n",
-       "", 0},
-      {latin1_key, script,
-       "{\n    MachineID = \"ID-1\";\n    \"k\xC3\xA9\" = 7;\n}\n"
-       R"({"MachineID": "ID-1", "k\u00e9": 7, "n": 1})"
-       "\n",
-       "", 0},
+       "", 0, latin1_xml},
       // A nesting within the store's bound but past the dump's is shown cut short.
-      {deep_xml.substr(0, 25 + 100 * 7) + deep_xml.substr(deep_xml.size() - 100 * 8) +
-           "</dict></plist>",
-       "dflt read com.t | grep -c '[.][.][.]'", "1\n", "", 0},
+      {"dflt read com.t | grep -c '[.][.][.]'", "1\n", "", 0,
+       deep_xml.substr(0, 25 + 100 * 7) + deep_xml.substr(deep_xml.size() - 100 * 8) +
+           "</dict></plist>"},
   };
   for (const Row& row : rows) Check(row);
+  // Cut short, spoiled trailers, no dictionary, too deep, a loop, NULs in keys.
+  const std::string xml = "<plist><dict><key>k";
+  for (const std::string& plant :
+       {valid.substr(0, valid.size() - 1), Spoiled(valid, 26, 9), Spoiled(valid, 24, '\xFF'),
+        Spoiled(valid, 8, '\x80'), Spoiled(valid, 1, '\xFF'), std::string("garbage\n"),
+        std::string("<plist><array/></plist>"), deep_xml + "</dict></plist>",
+        ts::NestedBinaryArrays(200000), ts::NestedBinaryArrays(3, true), BinaryPair("k" + nul, "v"),
+        xml + "</key><string>a" + nul + "</string></dict></plist>",
+        xml + "&#0;</key><string>v</string></dict></plist>",
+        xml + "&#x000;</key><string>v</string></dict></plist>"})
+    Check({script, "{\n}\n{\"n\": 1}\n", "", 0, plant});
 }
 
 }  // namespace
