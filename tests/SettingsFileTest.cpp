@@ -4,10 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "SettingsFile.h"
 #include "TestSupport.h"
@@ -104,36 +103,31 @@ TEST(SettingsFileTest, RoundTripAndGarbage) {
 }
 
 // Section headers holding "/" (texts a server can send through a merge)
-// read back under the same paths after a save: the key never turns into a
-// comment or a different key.
-TEST(SettingsFileTest, HeadersHoldingSlashSurviveSaveAndLoad) {
+// read back under the same paths after a save; every entry is written
+// verbatim, even one whose path would not read back the same.
+TEST(SettingsFileTest, HeadersHoldingSlashAndOddNamesSurviveSave) {
   ts::ScopedTempDir dir;
   const std::string path = dir.Sub("slash.cfg");
-  const struct Case {
-    const char* text;
-    const char* section;  // asked for as written in the header
-    const char* key;
-    const char* value;
-  } cases[] = {
-      {"[a/b=c]\nk=v", "a/b=c", "k", "v"},
-      {"[settings/#x]\nurl=http://x", "settings/#x", "url", "http://x"},
-      {"[settings/;x]\nurl=y", "settings/;x", "url", "y"},
-      {"[a/ b]\nk=v", "a/ b", "k", "v"},
-      {"[/]\nk=v", "/", "k", "v"},
-      {"[a/[b]\nk=v", "a/[b", "k", "v"},
-      {"[a/b]\n=v", "a/b", "", "v"},
-      {"[a/b]\nNoEquals", "a/b", "noequals", "NoEquals"},
-  };
-  for (const Case& c : cases) {
-    SettingsFile original;
-    original.LoadText(std::string(c.text) + "\n[plain]\nkey=value");
-    ASSERT_EQ(original.GetValue(c.section, c.key), c.value) << c.text;
-    SettingsFile reread;
-    ASSERT_EQ(original.Save(path) + reread.Load(path), 0) << c.text;
-    EXPECT_EQ(ts::DumpSettings(reread), ts::DumpSettings(original)) << c.text;
-    EXPECT_EQ(reread.GetValue(c.section, c.key), c.value) << c.text;
-    EXPECT_EQ(reread.GetValue("plain", "key"), "value") << c.text;
+  // The text, the section as written in its header, key, value.
+  const std::array<const char*, 4> cases[] = {{"[a/b=c]\nk=v", "a/b=c", "k", "v"},
+                                              {"[settings/#x]\nurl=y", "settings/#x", "url", "y"},
+                                              {"[settings/;x]\nurl=y", "settings/;x", "url", "y"},
+                                              {"[a/ b]\nk=v", "a/ b", "k", "v"},
+                                              {"[/]\nk=v", "/", "k", "v"},
+                                              {"[a/[b]\nk=v", "a/[b", "k", "v"},
+                                              {"[a/b]\n=v", "a/b", "", "v"},
+                                              {"[a/b]\nNoEquals", "a/b", "noequals", "NoEquals"}};
+  for (const auto& [text, section, key, value] : cases) {
+    SettingsFile original, reread;
+    original.LoadText(std::string(text) + "\n[plain]\nkey=value");
+    ASSERT_EQ(original.Save(path) + reread.Load(path), 0) << text;
+    EXPECT_EQ(ts::DumpSettings(reread), ts::DumpSettings(original)) << text;
+    EXPECT_EQ(reread.GetValue(section, key) + reread.GetValue("plain", "key"), value + "value"s);
   }
+  SettingsFile odd;
+  for (const char* name : {"x]y/k", "s/a=b", "s/#c", "s/ok"}) odd.SetValueAt(name, "1");
+  ASSERT_EQ(odd.Save(path), 0);
+  EXPECT_EQ(ts::Contents(path), "[s]\n#c=1\na=b=1\nok=1\n[x]y]\nk=1\n");
 }
 
 // A link at the name stays and the file it names is replaced, in that
@@ -141,44 +135,26 @@ TEST(SettingsFileTest, HeadersHoldingSlashSurviveSaveAndLoad) {
 // the next save; a directory that refuses new files still lets the existing
 // file be rewritten.
 TEST(SettingsFileTest, SaveThroughLinksCleansUpAndFallsBackInPlace) {
-  ts::ScopedTempDir dir;
-  const std::string path = dir.Sub("LogCourier2.cfg");
-  ASSERT_TRUE(ts::WriteFile(path, "old"));
-  const std::string stale = dir.Sub(".LogCourier2.cfg.tmp-a1B2c3");
-  ASSERT_TRUE(ts::WriteFile(stale, "[settings]\nurl=half") && ts::AgeFile(stale, 3600));
-  ts::ScopedTempDir elsewhere;
+  ts::ScopedTempDir dir, elsewhere;
+  const std::string path = dir.Sub("LogCourier2.cfg"),
+                    stale = dir.Sub(".LogCourier2.cfg.tmp-a1B2c3");
+  ASSERT_TRUE(ts::WriteFile(path, "old") && ts::WriteFile(stale, "[s]\nurl=half") &&
+              ts::AgeFile(stale, 3600));
   ASSERT_EQ(0, ::symlink(path.c_str(), elsewhere.Sub("link").c_str()));
   SettingsFile s;
   s.LoadText("[ulog]\nstatus=Active");
   ASSERT_EQ(s.Save(elsewhere.Sub("link")), 0);
-  std::string text;
-  EXPECT_TRUE(ts::ReadFile(path, &text) && text == "[ulog]\nstatus=Active\n") << text;
+  EXPECT_EQ(ts::Contents(path), "[ulog]\nstatus=Active\n");
   struct stat st;
-  ASSERT_EQ(0, ::lstat(elsewhere.Sub("link").c_str(), &st));
-  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_TRUE(::lstat(elsewhere.Sub("link").c_str(), &st) == 0 && S_ISLNK(st.st_mode));
   EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"LogCourier2.cfg"}));
   EXPECT_EQ(ts::ListNames(elsewhere.path()), (std::vector<std::string>{"link"}));
 
   ts::ScopedNoNewFiles locked(dir.path());
   if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
   s.SetValue("ulog", "status", "Kill");
-  ASSERT_EQ(s.Save(path), 0);
-  ASSERT_EQ(s.Load(path), 0);
+  ASSERT_EQ(s.Save(path) + s.Load(path), 0);
   EXPECT_EQ(s.GetValue("ulog", "status"), "Kill");
-}
-
-// Every entry is written, verbatim, even one whose path would not read back
-// the same: a value the caller just stored is never dropped.
-TEST(SettingsFileTest, SaveWritesEveryEntryVerbatim) {
-  ts::ScopedTempDir dir;
-  SettingsFile odd;
-  odd.SetValue("x]y", "k", "v");
-  odd.SetValue("s", "a=b", "1");
-  odd.SetValue("s", "#c", "2");
-  odd.SetValue("s", "ok", "3");
-  std::string text;
-  ASSERT_TRUE(odd.Save(dir.Sub("odd.cfg")) == 0 && ts::ReadFile(dir.Sub("odd.cfg"), &text));
-  EXPECT_EQ(text, "[s]\n#c=2\na=b=1\nok=3\n[x]y]\nk=v\n");
 }
 
 }  // namespace
