@@ -101,19 +101,30 @@ TEST(LoggerInstance, EmptyConfigTruncatesAndWritesOneLinePerCall) {
   EXPECT_EQ(expected, std::regex_replace(Contents(box.log), std::regex("TIME:" + kTime), "TIME:T"));
 }
 
-// Two runs of one line each: "append=1" keeps both (the crash run pins
-// that); anything else, or a config that cannot be opened for reading and
-// writing, starts the log afresh.
-TEST(LoggerInstance, AppendOnlyForExactlyOneAcrossRuns) {
-  for (const bool read_only : {false, true}) {
+// Two runs of one line each: only "append=1" keeps both (the crash run pins
+// that); "1\r", or a config that cannot be opened for reading and writing,
+// starts the log afresh. A link planted at the log's name is neither
+// truncated nor appended to, and its target keeps its bytes.
+TEST(LoggerInstance, AppendOnlyForExactlyOneAndNeverThroughALink) {
+  const std::tuple<const char*, bool, bool> cases[] = {// config, read-only, planted link
+                                                       {"append=1\r\n", false, false},
+                                                       {"append=1\n", true, false},
+                                                       {"append=0\n", false, true},
+                                                       {"append=1\n", false, true}};
+  for (const auto& [config, read_only, link] : cases) {
     if (read_only && ::geteuid() == 0) continue;  // root opens it anyway
     Sandbox box;
-    ASSERT_TRUE(WriteFile(box.config, read_only ? "append=1\n" : "append=1\r\n"));
+    ASSERT_TRUE(WriteFile(box.config, config) && WriteFile(box.dir.Sub("target"), "precious\n") &&
+                MakeDirs(box.home + "/Library/Logs/Quorvik/LumetryQX"));
     if (read_only) ::chmod(box.config.c_str(), 0400);
+    ASSERT_TRUE(!link || ::symlink(box.dir.Sub("target").c_str(), box.log.c_str()) == 0);
     for (int run = 0; run < 2; ++run)
       EXPECT_EQ(0, box.Run([] { return Logger::Instance("LogSession").Info("run", "d"), 0; }));
-    const std::string text = Contents(box.log);
-    EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << read_only;
+    const std::string text = Contents(link ? box.dir.Sub("target") : box.log);
+    EXPECT_TRUE(link ? text == "precious\n" : std::count(text.begin(), text.end(), '\n') == 1)
+        << config << link << text;
+    struct stat st;
+    EXPECT_EQ(link, ::lstat(box.log.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << config;
   }
 }
 
@@ -140,19 +151,4 @@ TEST(ReadConfigValue, TokensLinesAndLimits) {
   // A FIFO reads as no settings, without waiting for a writer that never comes.
   ASSERT_EQ(0, ::mkfifo(dir.Sub("fifo").c_str(), 0600));
   EXPECT_EQ("", ReadConfigValue(dir.Sub("fifo"), "append"));
-}
-
-// A link planted at the log's name is neither truncated nor appended to,
-// and the target it names keeps its bytes; lines are dropped instead.
-TEST(LoggerFileTest, PlantedLinkAtTheLogIsRefused) {
-  for (const char* config : {"append=0\n", "append=1\n"}) {
-    Sandbox box;
-    ASSERT_TRUE(WriteFile(box.config, config) && WriteFile(box.dir.Sub("target"), "precious\n") &&
-                MakeDirs(box.home + "/Library/Logs/Quorvik/LumetryQX"));
-    ASSERT_EQ(0, ::symlink(box.dir.Sub("target").c_str(), box.log.c_str()));
-    EXPECT_EQ(0, box.Run([] { return Logger::Instance("LogSession").Info("run", "d"), 0; }));
-    EXPECT_EQ("precious\n", Contents(box.dir.Sub("target"))) << config;
-    struct stat st;
-    EXPECT_TRUE(::lstat(box.log.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << config;
-  }
 }

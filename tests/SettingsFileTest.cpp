@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstring>
-#include <random>
 
 #include "SettingsFile.h"
 #include "TestSupport.h"
@@ -69,37 +67,6 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   EXPECT_EQ(status, 0);
   EXPECT_EQ(ts::Contents(path), "[a]\nb=new\n");
   EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"a.cfg", "ro"}));
-}
-
-// Any dictionary of trimmed single-line values under names that cannot be
-// taken for syntax survives a save and a load; random bytes load and save.
-TEST(SettingsFileTest, RoundTripAndGarbage) {
-  ts::ScopedTempDir dir;
-  const std::string path = dir.Sub("round.cfg");
-  std::mt19937 rng(20240611);
-  auto pick = [&rng](const char* set, std::size_t length) {
-    std::string out;
-    while (length-- > 0) out += set[rng() % std::strlen(set)];
-    return out;
-  };
-  SettingsFile loaded;
-  for (int round = 0; round < 200; ++round) {
-    SettingsFile original;
-    for (auto i = rng() % 12; i > 0; --i) {
-      const std::string name = pick("abXY09_.-#;[", rng() % 6) + "/" + pick("aBz09_.", 1) +
-                               pick("aXz0 .#;[/|", rng() % 8);
-      const std::string value = pick("aB=[#/\x01\xC3", 1) +
-                                pick("aB \t\r=[]#;/|\"'\x01\xC3\xA9", rng() % 11) +
-                                pick("zZ9=]|", 1);
-      original.SetValueAt(name, value);
-    }
-    ASSERT_EQ(original.Save(path) + loaded.Load(path), 0);
-    ASSERT_EQ(ts::DumpSettings(loaded), ts::DumpSettings(original)) << "round " << round;
-  }
-  std::string noise(200000, '\0');
-  for (char& c : noise) c = static_cast<char>(rng());
-  ASSERT_TRUE(ts::WriteFile(path, noise));
-  EXPECT_EQ(loaded.Load(path) + loaded.Save(path), 0);
 }
 
 // Section headers holding "/" (texts a server can send through a merge)
