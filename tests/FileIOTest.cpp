@@ -27,6 +27,7 @@ TEST(FileIORead, StatusByKindOfItem) {
               MakeDirs(tmp.Sub("dir")));
   ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));  // no writer: a blocking open hangs
   ASSERT_EQ(0, ::symlink(tmp.Sub("ten").c_str(), tmp.Sub("link").c_str()));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("nowhere").c_str(), tmp.Sub("dangling").c_str()));
   const struct Case {
     const char* name;
     std::size_t cap;
@@ -57,6 +58,17 @@ TEST(FileIORead, StatusByKindOfItem) {
   EXPECT_FALSE(FileIO::GetRegularFileSize(tmp.Sub("fifo"), &size) ||
                FileIO::GetRegularFileSize(tmp.path(), &size) || size != 99u);
   EXPECT_TRUE(FileIO::GetRegularFileSize(tmp.Sub("ten"), &size) && size == 10u);
+  // The writers' stream never follows a planted link and never blocks on, or
+  // writes to, a FIFO or directory at its name; a file is truncated or appended to.
+  for (const char* name : {"link", "dangling", "fifo", "dir"}) {
+    for (const bool append : {false, true})
+      EXPECT_EQ(nullptr, FileIO::OpenOutputStream(tmp.Sub(name), append)) << name << append;
+  }
+  EXPECT_FALSE(PathExists(tmp.Sub("nowhere")));
+  *FileIO::OpenOutputStream(tmp.Sub("ten"), true) << "+";
+  EXPECT_EQ("0123456789+", Contents(tmp.Sub("ten")));
+  *FileIO::OpenOutputStream(tmp.Sub("ten"), false) << "fresh";
+  EXPECT_EQ("fresh", Contents(tmp.Sub("ten")));
 }
 
 TEST(FileIOReplace, ModesLinksAndFailures) {
@@ -117,28 +129,6 @@ TEST(FileIOReplace, NextWriterRemovesOldTemporariesOnly) {
   under_lock.stale_after_seconds = 0;
   ASSERT_TRUE(FileIO::ReplaceFile(tmp.Sub("settings.cfg"), "x", 1, under_lock));
   EXPECT_EQ((Strings{other, prefix + "short", "settings.cfg"}), ListNames(tmp.path()));
-}
-
-// The writers' stream never follows a planted link and never blocks on, or
-// writes to, a FIFO, device or directory at its name.
-TEST(FileIOOutputStream, RefusesLinksAndWhatIsNotARegularFile) {
-  ScopedTempDir tmp;
-  ASSERT_TRUE(WriteFile(tmp.Sub("target"), "precious") && MakeDirs(tmp.Sub("dir")));
-  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("link").c_str()));
-  ASSERT_EQ(0, ::symlink(tmp.Sub("nowhere").c_str(), tmp.Sub("dangling").c_str()));
-  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
-  for (const char* name : {"link", "dangling", "fifo", "dir"}) {
-    for (const bool append : {false, true})
-      EXPECT_EQ(nullptr, FileIO::OpenOutputStream(tmp.Sub(name), append)) << name << append;
-  }
-  EXPECT_EQ("precious", Contents(tmp.Sub("target")));
-  EXPECT_FALSE(PathExists(tmp.Sub("nowhere")));
-  // A regular file is truncated or appended to, as asked.
-  ASSERT_TRUE(WriteFile(tmp.Sub("log"), "old\n"));
-  *FileIO::OpenOutputStream(tmp.Sub("log"), true) << "appended\n";
-  EXPECT_EQ("old\nappended\n", Contents(tmp.Sub("log")));
-  *FileIO::OpenOutputStream(tmp.Sub("log"), false) << "fresh\n";
-  EXPECT_EQ("fresh\n", Contents(tmp.Sub("log")));
 }
 
 // A directory that refuses new files: atomic replacement is impossible; with

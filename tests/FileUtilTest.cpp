@@ -28,15 +28,6 @@ void SetModified(const std::string& path, time_t seconds, long nanoseconds = 0) 
   ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW)) << path;
 }
 
-// Names in the order in which the directory yields them, read here through
-// the standard library's own walk of the same directory.
-Strings PlatformOrder(const std::string& dir) {
-  Strings names;
-  for (const auto& entry : std::filesystem::directory_iterator(dir))
-    names.push_back(entry.path().filename().string());
-  return names;
-}
-
 TEST(FileUtilPaths, Tables) {
   using Table = std::vector<std::pair<std::string, std::string>>;
   const auto expect = [](std::string (*fn)(const std::string&), const Table& table) {
@@ -67,7 +58,7 @@ TEST(FileUtilCreate, DirectoriesReplaceFileInheritModeAndFailOnRoot) {
 }
 
 // A dangling link counts as a missing path: true, and the link stays.
-TEST(FileUtilRemove, MissingSucceedsAndLinksAreNotFollowed) {
+TEST(FileUtilRemoveAndWrite, MissingSucceedsAndLinksOrFifosAreNeverFollowed) {
   ScopedTempDir tmp;
   EXPECT_TRUE(FileUtil::Remove(tmp.Sub("missing")) && FileUtil::RemoveFile(tmp.Sub("missing")) &&
               FileUtil::RemoveDirectory(tmp.Sub("missing"), false));
@@ -77,7 +68,15 @@ TEST(FileUtilRemove, MissingSucceedsAndLinksAreNotFollowed) {
   EXPECT_TRUE(FileUtil::Remove(tmp.Sub("tree")) && FileUtil::RemoveFile(tmp.Sub("dangling")) &&
               FileUtil::Remove(tmp.Sub("dangling")));
   EXPECT_EQ((Strings{"dangling", "outside"}), ListNames(tmp.path()));
-  EXPECT_EQ("outside/keep", Contents(tmp.Sub("outside/keep")));
+  // Writers and probes never block on a FIFO nor write through a planted link.
+  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("outside/keep").c_str(), tmp.Sub("link").c_str()));
+  EXPECT_TRUE(FileUtil::IsFileSizeAtMost(tmp.Sub("fifo"), 0));  // cannot be opened: size 0
+  EXPECT_EQ(-2, FileUtil::WriteStringToFile("x", tmp.Sub("fifo")) +
+                    FileUtil::WriteStringToFile("x", tmp.Sub("link")));
+  EXPECT_EQ(0, FileUtil::WriteStringToFile("text", tmp.Sub("new")));
+  EXPECT_EQ("outside/keep|text",
+            Contents(tmp.Sub("outside/keep")) + "|" + Contents(tmp.Sub("new")));
 }
 
 TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
@@ -103,16 +102,12 @@ TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
 TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
   ScopedTempDir tmp;
   Touch(tmp, {"caf\xE9/entry"});
-  const std::pair<std::string, bool> cases[] = {
-      // path, exists
-      {tmp.Sub("caf\xE9"), true},
-      {tmp.Sub("\xC3\x28"), false},
-      {tmp.Sub("ok/\xED\xA0\x80"), false},  // an encoded surrogate
-      {tmp.Sub("\xF4\x90\x80\x80/x"), false}};
-  for (const auto& [path, exists] : cases) {
+  // The first exists; the third holds an encoded surrogate.
+  for (const std::string& path : {tmp.Sub("caf\xE9"), tmp.Sub("\xC3\x28"),
+                                  tmp.Sub("ok/\xED\xA0\x80"), tmp.Sub("\xF4\x90\x80\x80/x")}) {
     Strings names;
     EXPECT_FALSE(FileUtil::ListDirectoryMatching(path, {}, &names) || !names.empty()) << path;
-    EXPECT_TRUE(exists || !FileUtil::CreateDirectories(path)) << path;
+    EXPECT_FALSE(path != tmp.Sub("caf\xE9") && FileUtil::CreateDirectories(path)) << path;
   }
   Strings names;
   EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {}, &names));  // entries may be bytes
@@ -120,20 +115,6 @@ TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
   EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.Sub("missing"), {}, &names));
   EXPECT_EQ((Strings{"caf\xE9"}), names);
   EXPECT_EQ((Strings{"caf\xE9"}), ListNames(tmp.path()));  // "ok" was not made either
-}
-
-// Writers and probes of this file never block on a FIFO nor write through a
-// planted link.
-TEST(FileUtilProbes, FifosAndLinksAreNotFiles) {
-  ScopedTempDir tmp;
-  ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));
-  ASSERT_TRUE(WriteFile(tmp.Sub("target"), "precious"));
-  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("link").c_str()));
-  EXPECT_TRUE(FileUtil::IsFileSizeAtMost(tmp.Sub("fifo"), 0));  // cannot be opened: size 0
-  EXPECT_EQ(-2, FileUtil::WriteStringToFile("x", tmp.Sub("fifo")) +
-                    FileUtil::WriteStringToFile("x", tmp.Sub("link")));
-  EXPECT_EQ(0, FileUtil::WriteStringToFile("text", tmp.Sub("new")));
-  EXPECT_EQ("precious|text", Contents(tmp.Sub("target")) + "|" + Contents(tmp.Sub("new")));
 }
 
 // The matching rule on raw bytes, one directory per case: exactly the
@@ -173,10 +154,12 @@ TEST(FileUtilList, MatchesComeInListingOrderAcrossAManyBlockDirectory) {
     const std::string name = (i % 7 == 0 ? "Prod_" : "Other_") + std::to_string(i) + "_1234";
     ASSERT_TRUE(WriteFile(tmp.Sub(name), ""));
   }
-  Strings expected = {"kept"};
-  for (const std::string& name : PlatformOrder(tmp.path()))
-    if (name.rfind("Prod_", 0) == 0) expected.push_back(name);
-  Strings found = {"kept"};
+  // The order in which the directory yields them, read through the standard
+  // library's own walk of the same directory.
+  Strings expected = {"kept"}, found = {"kept"};
+  for (const auto& entry : std::filesystem::directory_iterator(tmp.path()))
+    if (entry.path().filename().string().rfind("Prod_", 0) == 0)
+      expected.push_back(entry.path().filename().string());
   ASSERT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {"Prod", "1234"}, &found));
   EXPECT_EQ(201u, expected.size());
   EXPECT_EQ(expected, found);
