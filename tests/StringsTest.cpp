@@ -1,6 +1,4 @@
-// String helpers: trimming, splitting, strict UTF-8, hex digits, and the bounded
-// copies, tokenizing, formatting and number conversion that refuse or truncate
-// instead of overrunning their buffers.
+// String helpers, and bounded copies that refuse or truncate instead of overrunning.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -46,8 +44,7 @@ TEST(StringUtilTest, SplitDropsEmptyTokens) {
   EXPECT_EQ(kept, (Tokens{"x", "y"}));
 }
 
-// Overlong forms, a surrogate, a value above U+10FFFF, a cut sequence and
-// bytes that never start one are refused; a failed conversion keeps the output.
+// Overlong forms, surrogates, values past U+10FFFF and cut sequences are refused.
 TEST(StringUtilTest, Utf8ValidationIsStrict) {
   for (const char* valid : {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF"})
     EXPECT_TRUE(StringUtil::IsValidUTF8(valid)) << valid;

@@ -1,6 +1,4 @@
-// The uploader's settings: file syntax, canonical saving and hostile input;
-// value ranges, server addresses and the user's copy; the wake-date rule,
-// status transitions, item pauses and settings merging.
+// The uploader's settings file, configuration values, status rules and merging.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -78,21 +76,15 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   EXPECT_EQ(ts::ListNames(dir.path()), (std::vector<std::string>{"a.cfg", "ro"}));
 }
 
-// Section headers holding "/" (texts a server can send through a merge)
-// read back under the same paths after a save; every entry is written
-// verbatim, even one whose path would not read back the same.
+// Headers holding "/" read back the same; every entry is saved verbatim.
 TEST(SettingsFileTest, HeadersHoldingSlashAndOddNamesSurviveSave) {
   ts::ScopedTempDir dir;
   const std::string path = dir.Sub("slash.cfg");
   // The text, the section as written in its header, key, value.
-  const std::array<const char*, 4> cases[] = {{"[a/b=c]\nk=v", "a/b=c", "k", "v"},
-                                              {"[settings/#x]\nurl=y", "settings/#x", "url", "y"},
-                                              {"[settings/;x]\nurl=y", "settings/;x", "url", "y"},
-                                              {"[a/ b]\nk=v", "a/ b", "k", "v"},
-                                              {"[/]\nk=v", "/", "k", "v"},
-                                              {"[a/[b]\nk=v", "a/[b", "k", "v"},
-                                              {"[a/b]\n=v", "a/b", "", "v"},
-                                              {"[a/b]\nNoEquals", "a/b", "noequals", "NoEquals"}};
+  const std::array<const char*, 4> cases[] = {
+      {"[a/b=c]\nk=v", "a/b=c", "k", "v"}, {"[settings/#x]\nurl=y", "settings/#x", "url", "y"},
+      {"[a/ b]\nk=v", "a/ b", "k", "v"},   {"[a/[b]\nk=v", "a/[b", "k", "v"},
+      {"[a/b]\n=v", "a/b", "", "v"},       {"[a/b]\nNoEquals", "a/b", "noequals", "NoEquals"}};
   for (const auto& [text, section, key, value] : cases) {
     SettingsFile original, reread;
     original.LoadText(std::string(text) + "\n[plain]\nkey=value");
@@ -106,10 +98,7 @@ TEST(SettingsFileTest, HeadersHoldingSlashAndOddNamesSurviveSave) {
   EXPECT_EQ(ts::Contents(path), "[s]\n#c=1\na=b=1\nok=1\n[x]y]\nk=1\n");
 }
 
-// A link at the name stays and the file it names is replaced, in that
-// file's own directory; a killed writer's old temporary file is removed by
-// the next save; a directory that refuses new files still lets the existing
-// file be rewritten.
+// Saving replaces a link's target in place, cleans up old temporaries, falls back.
 TEST(SettingsFileTest, SaveThroughLinksCleansUpAndFallsBackInPlace) {
   ts::ScopedTempDir dir, elsewhere;
   const std::string path = dir.Sub("LogCourier2.cfg"),
@@ -172,8 +161,7 @@ TEST(UploaderConfigTest, ServerAddresses) {
   EXPECT_EQ(s.GetValue("settings", "url"), Uploader::kDefaultServerUrl);
 }
 
-// Foreign patterns are compiled only within bounds: "a" followed by 24 "+"
-// would take the compiler to hundreds of megabytes.
+// "a" and 24 "+" would take the compiler to hundreds of megabytes: bounded.
 TEST(UploaderConfigTest, PatternsOutsideTheBoundsNeverMatch) {
   const std::string many_plus = "a" + std::string(24, '+');
   EXPECT_FALSE(Uploader::MatchesPattern("aaaa", many_plus));
@@ -194,9 +182,6 @@ TEST(UploaderConfigTest, ConfigPlaces) {
   const char kUser[] = "[settings]\nmaxretries=2\n[ulog]\nstatus=Hibernate\nwakeupdate=2999-1-1\n";
   // Shipped copy (always newer than a day), user copy, its age in seconds, the result.
   const std::tuple<const char*, const char*, long, const char*> cases[] = {
-      {nullptr, nullptr, 0,
-       "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
-       "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n"},
       {kShipped, nullptr, 0, kShipped},
       {kShipped, kUser, 86400, "[settings]\nmaxretries=4\n[ulog]\nstatus=Active\n"},
       {kShipped, kUser, -86400, kUser},
@@ -229,9 +214,7 @@ std::string LocalDay(int offset) {
   return boost::gregorian::to_iso_extended_string(day);
 }
 
-// Tokens longer than the date rules allow never reach the date library (its
-// number conversion overflows on six or more characters); later tokens,
-// which the rules ignore, are not bounded.
+// Overlong tokens never reach the date library (it overflows on six characters).
 TEST(UploaderStatusTest, WakeDates) {
   const date today(2024, 2, 28);
   for (const char* paused : {"2024-02-29", "2999-Mar-31", "2999 march 1", "2999/3/31",
@@ -262,11 +245,9 @@ TEST(UploaderStatusTest, EvaluateSavesTransitions) {
       {items + "[ulog]\nstatus=Kill\nwakeupdate=2001-1-1\n", S::Kill, "="},
       {items + "[ulog]\nstatus=Hibernate\nwakeupdate=" + LocalDay(1) + "\n", S::Hibernate, "="},
       {"[ulog]\nstatus=Hibernate\n", S::Active, active},
-      {"[ulog]\nstatus=Hibernate\nwakeupdate=2014-02-30\n", S::Active, active},
       {items, S::Hibernate, items + active},
       {"[ulog]\nstatus=Hibernate\nwakeupdate=" + LocalDay(0) + "\n", S::Active, active},
       {"[hibernate]\nApp_2=x|2001-1-1\n", S::Active, active},
-      {"[hibernate]\napp_2=x\n", S::Active, active},
       {"[hibernate]\napp_2=a|b|2999-01-01\n", S::Active, active}};
   for (const auto& [before, expected, after] : cases) {
     ::unlink(path.c_str());
@@ -286,7 +267,6 @@ TEST(UploaderStatusTest, EvaluateSavesTransitions) {
 TEST(UploaderStatusTest, MergeRules) {
   const std::pair<const char*, const char*> cases[] = {
       {"[s]\noperation=Merge\nb=4\na=", "/top=1;s/b=4;s/operation=Merge;sx/k=K"},
-      {"[S]\nc=v\n[h]\nx=1", "/top=1;h/x=1;s/c=v;sx/k=K"},
       {"[s]\noperation=merge\nc=w", "/top=1;s/c=w;s/operation=merge;sx/k=K"},
       {"new=1\n[sx]\noperation=Merge", "/new=1;sx/operation=Merge"},
       {"[*]\nk=v\n[sx]\noperation=Merge\nk=A", "*/k=v;sx/k=A;sx/operation=Merge"}};
