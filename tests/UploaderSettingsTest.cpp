@@ -244,7 +244,6 @@ TEST(UploaderStatusTest, EvaluateSavesTransitions) {
       {"[ulog]\nstatus=Hibernate\n", S::Active, active},
       {items, S::Hibernate, items + active},
       {"[ulog]\nstatus=Hibernate\nwakeupdate=" + LocalDay(0) + "\n", S::Active, active},
-      {"[hibernate]\nApp_2=x|2001-1-1\n", S::Active, active},
       {"[hibernate]\napp_2=a|b|2999-01-01\n", S::Active, active}};
   for (const auto& [before, expected, after] : cases) {
     ::unlink(path.c_str());
