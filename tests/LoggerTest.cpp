@@ -18,8 +18,6 @@ using namespace testing_support;
 
 namespace {
 
-const std::string kTime = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)";
-
 struct Sandbox {
   ScopedTempDir dir;
   std::string home = dir.Sub("home"), bundle = dir.Sub("bundle");
@@ -87,7 +85,9 @@ TEST(LoggerInstance, EmptyConfigTruncatesAndWritesOneLinePerCall) {
       expected += "[" + level + "] | PID:" + std::to_string(box.child) +
                   " | TIME:T | VALUE:v | DETAIL:" + detail + "\n";
   }
-  EXPECT_EQ(expected, std::regex_replace(Contents(box.log), std::regex("TIME:" + kTime), "TIME:T"));
+  EXPECT_EQ(expected,
+            std::regex_replace(Contents(box.log),
+                               std::regex(R"(TIME:\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)"), "TIME:T"));
 }
 
 // Only exactly "append=1" keeps earlier runs' lines; a planted link is never written.
@@ -130,7 +130,6 @@ TEST(ReadConfigValue, TokensLinesAndLimits) {
   expect("k=" + std::string(509, 'v') + "\nappend=1\n", "1");
   expect(std::string(512, 'x') + "\nappend=1\n", "");
   expect("append=1\n" + std::string(600, 'x') + "\nappend=2\n", "1");
-  EXPECT_EQ("", ReadConfigValue(dir.Sub("absent"), "append"));
   // A FIFO reads as no settings, without waiting for a writer that never comes.
   ASSERT_EQ(0, ::mkfifo(dir.Sub("fifo").c_str(), 0600));
   EXPECT_EQ("", ReadConfigValue(dir.Sub("fifo"), "append"));
