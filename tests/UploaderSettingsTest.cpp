@@ -53,8 +53,7 @@ TEST(SettingsFileTest, SaveIsCanonicalAndAtomic) {
   ASSERT_TRUE(s.Save(path) == 0 && ts::FileMode(path) == 0644);
   EXPECT_EQ(ts::Contents(path), "[]\nk=v\n[m]\npad= p \nurl=x\n[z]\na=1\nb=2\n");
   EXPECT_TRUE(s.Load(path) == 0 && ts::DumpSettings(s) == "/k=v;m/pad=p;m/url=x;z/a=1;z/b=2");
-  EXPECT_EQ(s.Load(dir.Sub("missing.cfg")) + s.Load(dir.path()), -2);
-  EXPECT_EQ(ts::DumpSettings(s), "");
+  EXPECT_TRUE(s.Load(dir.Sub("missing.cfg")) + s.Load(dir.path()) == -2 && s.entries().empty());
 
   s.SetValue("a", "b", "new");
   EXPECT_EQ(s.Save(dir.path()) + s.Save(dir.Sub("no/x.cfg")) + s.Save(""), -3);
@@ -206,17 +205,16 @@ std::string LocalDay(int offset) {
 
 // Overlong tokens never reach the date library (it overflows on six characters).
 TEST(UploaderStatusTest, WakeDates) {
-  const date today(2024, 2, 28);
   for (const char* paused : {"2024-02-29", "2999-Mar-31", "2999 march 1", "2999/3/31",
                              "2999.mAR.31,x", "2999-September-30", "02999-00001-00001",
                              "2999-01-01-!000000000", "2999/Jan/01 xxxxxxxxxx"})
-    EXPECT_EQ(WakeDateState(paused, today), 2) << paused;
+    EXPECT_EQ(WakeDateState(paused, date(2024, 2, 28)), 2) << paused;
   for (const char* awake :
        {"2024-02-28", "2024-02-27", "", "soon", "2023-02-29", "2999-13-01", "2999-Smarch-1",
         "99999-01-01", "1399-01-01", "2999-01", "2999-\xC3-01", "!00000", "!00000-01-01",
         "2999-!00000-01", "2999-01-!00000", "000002999-01-01", "2999-0000001-01", "2999-01-0000001",
         "2999-Septembers-01"})
-    EXPECT_EQ(WakeDateState(awake, today), 0) << awake;
+    EXPECT_EQ(WakeDateState(awake, date(2024, 2, 28)), 0) << awake;
 }
 
 // EvaluateUploaderStatus for item "App" "2"; every transition is saved back.
