@@ -221,10 +221,7 @@ TEST(FileIOReplace, ModesLinksAndFailures) {
   EXPECT_TRUE(FileIO::ReplaceFile(tmp.Sub("new"), "new", 3) && FileMode(tmp.Sub("new")) == 0644);
   ASSERT_EQ(0, ::chmod(tmp.Sub("new").c_str(), 0640));
   EXPECT_TRUE(FileIO::ReplaceFile(tmp.Sub("new"), "new", 3) && FileMode(tmp.Sub("new")) == 0640);
-  FileIO::ReplaceOptions private_file;
-  private_file.mode = 0600;
-  private_file.keep_mode = false;
-  private_file.follow_link = false;
+  const FileIO::ReplaceOptions private_file{0600, false, false};  // mode, keep_mode, follow_link
   EXPECT_TRUE(FileIO::ReplaceFile(tmp.Sub("new"), "new", 3, private_file) &&
               FileMode(tmp.Sub("new")) == 0600);
 

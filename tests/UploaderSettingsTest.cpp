@@ -9,6 +9,7 @@
 #include <boost/date_time/gregorian/gregorian.hpp>
 #include <ctime>
 
+#include "FileIO.h"
 #include "PatternBounds.h"
 #include "PlatformPaths.h"
 #include "SettingsFile.h"
@@ -114,6 +115,7 @@ TEST(SettingsFileTest, SaveThroughLinksCleansUpAndFallsBackInPlace) {
 
   ts::ScopedNoNewFiles locked(dir.path());
   if (!locked.active()) GTEST_SKIP() << "no way to make a directory refuse new files here";
+  EXPECT_FALSE(FileIO::ReplaceFile(path, "x", 1));  // in place only when the caller asks
   s.SetValue("ulog", "status", "Kill");
   EXPECT_TRUE(s.Save(path) + s.Load(path) == 0 && s.GetValue("ulog", "status") == "Kill");
 }
@@ -184,7 +186,8 @@ TEST(UploaderConfigTest, ConfigPlaces) {
       home.Library() + "/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg";
   for (const auto& [shipped_text, user_text, user_age, result] : cases) {
     ::unlink(shipped.c_str()), ::unlink(user.c_str());
-    ASSERT_TRUE(shipped_text == nullptr || ts::WriteFile(shipped, shipped_text));
+    ASSERT_TRUE(!shipped_text ||
+                (ts::WriteFile(shipped, shipped_text) && ts::AgeFile(shipped, 172800)));
     const struct timespec t = {std::time(nullptr) - user_age, 0}, times[2] = {t, t};
     ASSERT_TRUE(user_text == nullptr || (ts::WriteFile(user, user_text) &&
                                          ::utimensat(AT_FDCWD, user.c_str(), times, 0) == 0));
