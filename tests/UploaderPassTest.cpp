@@ -1,33 +1,204 @@
-// Passes of the uploader library against a real HTTPS server on a loopback
-// port: upload answers, order, retries, Retry-After, the disk budget, the
-// privacy and status gates, configuration and policy answers, address checks.
+// Passes of the uploader against a real HTTPS server (courier_test_server.py) on a loopback
+// port: the library's pass, with a fixed clock when asked, and the built LogCourier2 driven
+// as the launcher and the service units do.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "CourierPassFixture.h"
+#include "AttemptLedger.h"
+#include "CurlTransport.h"
 #include "ExclusiveFile.h"
 #include "Mac/LogCourUtilsMac.h"
+#include "Pass.h"
+#include "Preferences.h"
+#include "Reporter.h"
+#include "TestSupport.h"
 #include "UploaderConfig.h"
+
+extern char** environ;
 
 namespace {
 
-using namespace courier_test;
+namespace ts = testing_support;
+using Courier::PassSummary;
+using Lines = std::vector<std::string>;
 
-std::string HttpDate(std::int64_t when) {
-  const time_t t = static_cast<time_t>(when);
-  struct tm parts;
-  gmtime_r(&t, &parts);
-  char buffer[64];
-  return std::string(buffer, strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts));
+const std::string kProgram = COURIER_PROGRAM;
+const std::string kDomain = "com.quorvik.lumetryqx";
+const std::string kUpload = "/lumetry/UploadFile/";
+const std::string kConfig = "/lumetry/GetConfig/";
+const std::string kPolicy = "/lumetry/GetTarvix/";
+const std::string kClose = R"({"status": 204, "close": true})";
+
+std::string Answers(const std::string& path, const std::string& answers) {
+  return "\"" + path + "\": [" + answers + "]";
 }
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string Outcome(const ts::RunResult& run) {  // "status|out|err"
+  return std::to_string(run.status) + "|" + run.out + "|" + run.err;
+}
+
+pid_t Spawn(Lines args) {
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
+}
+
+struct Request {
+  std::string line;                            // "METHOD PATH"
+  std::map<std::string, std::string> headers;  // names lower-cased
+  std::string body;
+};
+
+// The server, killed with the object. It makes its certificates: ca.pem signed the one it
+// shows for the maker's hosts, other-ca.pem signed nothing it shows.
+class TestServer {
+ public:
+  ~TestServer() { Stop(); }
+  bool Start() {
+    pid_ = Spawn({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", dir_.path()});
+    std::string port;
+    for (int i = 0; i < 300 && pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; ++i) {
+      if (ts::ReadFile(dir_.Sub("port"), &port) && !port.empty()) return std::stoi(port) > 0;
+      ::usleep(50000);
+    }
+    return false;
+  }
+  void Stop() {  // each request is on disk before it is answered: nothing is lost
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  std::string Ca(const char* name = "ca.pem") const { return dir_.Sub(name); }
+  // A "--connect-to" value that brings requests meant for `from` (":" for any) here.
+  std::string ConnectTo(const std::string& from = ":") const {
+    return from + ":127.0.0.1:" + ts::Contents(dir_.Sub("port"));
+  }
+  void Script(const std::string& body) const {
+    ASSERT_TRUE(ts::WriteFile(dir_.Sub("s.tmp"), "{" + body + "}"));
+    ASSERT_EQ(0, std::rename(dir_.Sub("s.tmp").c_str(), dir_.Sub("script.json").c_str()));
+  }
+  std::vector<Request> Requests() const {
+    std::vector<Request> all;
+    for (const std::string& name : ts::ListNames(dir_.Sub("requests"))) {
+      const std::string base = dir_.Sub("requests/" + name.substr(0, name.find('.')));
+      std::string head;
+      Request r;
+      if (!Has(name, ".head") || !ts::ReadFile(base + ".head", &head) ||
+          !ts::ReadFile(base + ".body", &r.body)) {
+        continue;
+      }
+      std::istringstream lines(head);
+      std::getline(lines, r.line);
+      for (std::string l; std::getline(lines, l);) {
+        if (Has(l, ": ")) r.headers[l.substr(0, l.find(": "))] = l.substr(l.find(": ") + 2);
+      }
+      all.push_back(std::move(r));
+    }
+    return all;
+  }
+  Lines RequestLines() const {
+    Lines lines;
+    for (const Request& r : Requests()) lines.push_back(r.line);
+    return lines;
+  }
+  Lines Uploaded() const {  // the "filename" of each upload, in order
+    Lines names;
+    const std::string key = "filename=\"";
+    for (const Request& r : Requests()) {
+      const auto at = r.body.find(key) + key.size();
+      if (Has(r.body, key)) names.push_back(r.body.substr(at, r.body.find('"', at) - at));
+    }
+    return names;
+  }
+
+ private:
+  ts::ScopedTempDir dir_;
+  pid_t pid_ = -1;
+};
+
+// A temporary home with a spool and a configuration file, and the server.
+class PassTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(server_.Start());
+    ASSERT_TRUE(ts::MakeDirs(spool_));
+    SetConfig("");
+  }
+  void SetConfig(const std::string& extra) {
+    ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg",
+                              "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
+                              "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n" +
+                                  extra));
+  }
+  void SetLedger(const std::string& text) { ASSERT_TRUE(ts::WriteFile(cfg_ + ".attempts", text)); }
+  // A usage log `age` seconds old (by modification time).
+  std::string AddLog(const std::string& name, const std::string& bytes, int age = 600) {
+    const std::string path = spool_ + "/" + name;
+    EXPECT_TRUE(ts::WriteFile(path, bytes));
+    struct timespec times[2] = {{std::time(nullptr) - age, 0}, {std::time(nullptr) - age, 0}};
+    EXPECT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
+    return path;
+  }
+  bool InSpool(const std::string& name) const { return ts::PathExists(spool_ + "/" + name); }
+  PassSummary Run(std::int64_t now = 0, bool dryRun = false, const char* ca = "ca.pem",
+                  long totalMs = 20000) {
+    Courier::PassSettings settings;
+    settings.dryRun = dryRun;
+    if (now != 0) settings.clock = [now] { return now; };
+    settings.makeTransport = [this, ca, totalMs] {
+      Courier::TransportSettings transport;
+      transport.userAgent = "LogCourier2/test (Linux)";
+      transport.machineId = "TEST-MACHINE";
+      transport.connectTo = server_.ConnectTo();
+      transport.caFile = server_.Ca(ca);
+      transport.connectTimeoutMs = 5000;
+      transport.totalTimeoutMs = totalMs;
+      return Courier::MakeCurlTransport(transport);
+    };
+    Courier::Reporter report(false, nullptr);
+    return Courier::RunPass(settings, report);
+  }
+  std::uint32_t Failures(const std::string& name) const {  // 0 when it has no record
+    const auto* attempts = Courier::AttemptLedger::Load(cfg_ + ".attempts").Find(name);
+    return attempts == nullptr ? 0 : attempts->failures;
+  }
+  // The built program pointed at the server, with `extra` arguments.
+  Lines Cli(const Lines& extra) const {
+    Lines argv = {kProgram, "--connect-to", server_.ConnectTo("lumetry.quorvik.com:443"),
+                  "--cacert", server_.Ca()};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+  }
+
+  ts::ScopedHome home_;
+  ts::ScopedTempDir system_;
+  const ts::ScopedOverride systemPrefs_{&SetSystemPreferencesDirForTesting, system_.path()};
+  TestServer server_;
+  const std::string spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
+  const std::string cfg_ =
+      home_.Library() + "/Application Support/Quorvik/LogCourier2QX/LogCourier2";
+};
 
 TEST_F(PassTest, ServerAnswerDecidesTheFile) {
   // The answer, and whether the file is gone; a kept file counts one failure.
@@ -43,23 +214,20 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
       {R"({"action": "garbage"})", false},        // an answer that is not HTTP
       {R"({"status": 200, "delay": 6})", false},  // no answer within the time limit
   };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    const auto& [answer, deleted] = cases[i];
-    const std::string name = "ulog_LumetryQX_AppCrash_K_" + std::to_string(i) + "_0.rdy";
-    AddLog(name, "payload " + std::to_string(i));
+  for (const auto& [answer, deleted] : cases) {
+    AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy", "payload");
     // The upload goes out on a fresh connection: on a reused one, a connection
     // dropped with no answer is tried once more on a new connection.
-    Script(Answers(kUpload, answer) + "," + Answers(kPolicy, R"({"status": 204, "close": true})"));
+    server_.Script(Answers(kUpload, answer) + "," + Answers(kPolicy, kClose));
     const auto before = server_.Requests().size();
-    Run(0, false, "", 2500);
-    EXPECT_EQ(!deleted, InSpool(name)) << answer;
-    EXPECT_EQ(deleted ? 0u : 1u, Failures(name)) << answer;
+    Run(0, false, "ca.pem", 2500);
+    EXPECT_EQ(!deleted, InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy")) << answer;
+    EXPECT_EQ(deleted ? 0u : 1u, Failures("ulog_LumetryQX_AppCrash_K_1_0.rdy")) << answer;
     // Exactly the three requests of a pass: a redirect is never followed.
     const auto lines = server_.RequestLines();
     ASSERT_EQ(before + 3, lines.size()) << answer;
     EXPECT_EQ("POST " + kUpload, lines.back()) << answer;
-    ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ""));
-    ::unlink((spool_ + "/" + name).c_str());
+    SetLedger("");
   }
 }
 
@@ -67,26 +235,21 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   AddLog("ulog_A_B_middle_0.xml", "2", 200);
   AddLog("ulog_A_B_newest_0.xml", "3", 100);
   AddLog("ulog_A_B_oldest_0.rdy", "1", 300);
-  const std::string busy = AddLog("ulog_A_B_busy_0.rdy", "writing", 400);
-  ExclusiveFile writer = ExclusiveFile::OpenExclusive(busy);  // as a crash processor holds it
-  ASSERT_TRUE(writer.IsOpen());
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_busy_0.rdy", "w", 400));
+  ASSERT_TRUE(writer.IsOpen());  // as a crash processor holds it
   // Not usage logs, or not regular files: never sent, never deleted.
   ASSERT_TRUE(ts::MakeDirs(spool_ + "/ulog_A_B_dir_0.rdy"));
   AddLog("elsewhere.xml", "target", 500);
-  ASSERT_EQ(0,
-            ::symlink((spool_ + "/elsewhere.xml").c_str(), (spool_ + "/ulog_A_B_l_0.xml").c_str()));
-  ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
   AddLog("ulog_A_B_c.txt", "other", 500);
-
+  ASSERT_EQ(0, ::symlink("elsewhere.xml", (spool_ + "/ulog_A_B_l_0.xml").c_str()));
+  ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
   const PassSummary summary = Run();
-  EXPECT_EQ((std::vector<std::string>{"ulog_A_B_oldest_0.rdy", "ulog_A_B_middle_0.xml",
-                                      "ulog_A_B_newest_0.xml"}),
+  EXPECT_EQ((Lines{"ulog_A_B_oldest_0.rdy", "ulog_A_B_middle_0.xml", "ulog_A_B_newest_0.xml"}),
             server_.Uploaded());
   EXPECT_EQ(3, summary.sent);
   EXPECT_EQ(1, summary.busy);
-  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "elsewhere.xml", "ulog_A_B_busy_0.rdy",
-                                      "ulog_A_B_c.txt", "ulog_A_B_dir_0.rdy", "ulog_A_B_fifo_0.xml",
-                                      "ulog_A_B_l_0.xml"}),
+  EXPECT_EQ((Lines{".LogCourierAppLock", "elsewhere.xml", "ulog_A_B_busy_0.rdy", "ulog_A_B_c.txt",
+                   "ulog_A_B_dir_0.rdy", "ulog_A_B_fifo_0.xml", "ulog_A_B_l_0.xml"}),
             ts::ListNames(spool_));
   writer.Close();  // written: the next pass sends it
   Run();
@@ -98,157 +261,132 @@ TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
   SetConfig("[settings]\nmaxretries=4\n");
   const std::string name = "ulog_A_B_k_0.rdy";
   AddLog(name, "x");
-  Script(Answers(kUpload, R"({"status": 500})"));
+  server_.Script(Answers(kUpload, R"({"status": 500})"));
   const std::int64_t t = std::time(nullptr);
   // One readable record of the file amid damage, and one of a file that is gone.
-  std::string ledger = "1 " + std::to_string(t - 700) + " " + name + "\n";
-  ledger += "9 1 ulog_gone_x_0.rdy\nnotbefore -5\n\xff\xfe garbage\x01line\n";
-  const char withNul[] = "1 2 ulog_nul\0_0.rdy\n99999999999999999999 1 ulog_A_B_k_0.rdy\n";
-  ledger.append(withNul, sizeof withNul - 1);
-  ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ledger));
-  struct Step {
+  const char damage[] =
+      "9 1 ulog_gone_x_0.rdy\nnotbefore -5\n\xff\xfe garbage\x01line\n"
+      "1 2 ulog_nul\0_0.rdy\n99999999999999999999 1 ulog_A_B_k_0.rdy\n";
+  SetLedger("1 " + std::to_string(t - 700) + " " + name + "\n" +
+            std::string(damage, sizeof damage - 1));
+  struct {
     std::int64_t at;
     std::size_t posts;  // uploads made so far
     std::uint32_t failures;
     bool kept;
-  };
-  const std::vector<Step> steps = {
+  } const steps[] = {
       {t, 1, 2, true},          // the old failure is ten minutes past: tried again
       {t + 599, 1, 2, true},    // ten minutes not over: not tried
       {t + 600, 2, 3, true},    // third failure
       {t + 1300, 3, 0, false},  // fourth failure: given up, deleted, forgotten
   };
-  for (const Step& step : steps) {
+  for (const auto& step : steps) {
     Run(step.at);
     EXPECT_EQ(step.posts, server_.Uploaded().size()) << step.at - t;
     EXPECT_EQ(step.failures, Failures(name)) << step.at - t;
     EXPECT_EQ(step.kept, InSpool(name)) << step.at - t;
-    const std::string saved = ts::Contents(configDir_ + "/LogCourier2.attempts");
-    EXPECT_EQ(std::string::npos, saved.find("gone")) << saved;
+    EXPECT_FALSE(Has(ts::Contents(cfg_ + ".attempts"), "gone"));
   }
 }
 
 TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
+  // Its forms (seconds, dates) are read in UploaderPiecesTest.
   SetConfig("[settings]\nretryinterval=1\n");
   const std::int64_t t = std::time(nullptr);
-  const std::vector<std::pair<int, std::string>> cases = {{503, "120"}, {429, HttpDate(t + 120)}};
-  for (const auto& [status, value] : cases) {
-    AddLog("ulog_A_B_first_0.rdy", "1", 300);
-    AddLog("ulog_A_B_second_0.rdy", "2", 200);
-    Script(Answers(kUpload, "{\"status\": " + std::to_string(status) +
-                                ", \"headers\": {\"Retry-After\": \"" + value +
-                                "\"}}, {\"status\": 200}"));
-    const auto posts = server_.Uploaded().size();
-    const PassSummary first = Run(t);  // the second file is not tried after the answer
-    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
-    EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
-    EXPECT_NE(std::string::npos, first.stopReason.find("retry after")) << first.stopReason;
-    Run(t + 60);  // still inside the wait: no upload at all
-    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
-    Run(t + 125);  // over: both go
-    EXPECT_EQ(posts + 3, server_.Uploaded().size()) << value;
-    EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
-    ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ""));
-  }
+  AddLog("ulog_A_B_first_0.rdy", "1", 300);
+  AddLog("ulog_A_B_second_0.rdy", "2", 200);
+  server_.Script(Answers(kUpload, R"({"status": 503, "headers": {"Retry-After": "120"}})"));
+  const PassSummary first = Run(t);  // the second file is not tried after the answer
+  EXPECT_EQ(1u, server_.Uploaded().size());
+  EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
+  EXPECT_TRUE(Has(first.stopReason, "retry after")) << first.stopReason;
+  server_.Script("");
+  Run(t + 60);  // still inside the wait: no upload at all
+  EXPECT_EQ(1u, server_.Uploaded().size());
+  Run(t + 125);  // over: both go
+  EXPECT_EQ(3u, server_.Uploaded().size());
+  EXPECT_EQ(Lines{".LogCourierAppLock"}, ts::ListNames(spool_));
 }
 
 TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   SetConfig("[settings]\nmaxdiskspace=5\n");
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser,
                                   PrefHost::kCurrentHost));  // budget only, no network
-  const std::string mib2(std::size_t{2} * 1024 * 1024, 'b');
-  const std::string locked = AddLog("ulog_A_B_1_0.rdy", mib2, 500);
+  const std::string mib2(std::size_t{2} << 20, 'b');
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_1_0.rdy", mib2, 500));
+  ASSERT_TRUE(writer.IsOpen());
   AddLog("ulog_A_B_2_0.rdy", mib2, 400);
   AddLog("ulog_A_B_3_0.rdy", mib2, 300);
   AddLog("ulog_A_B_4_0.rdy", "small", 200);
-  ExclusiveFile writer = ExclusiveFile::OpenExclusive(locked);
-  ASSERT_TRUE(writer.IsOpen());
-  const PassSummary dry = Run(0, true);  // a dry run deletes nothing
-  EXPECT_EQ(1, dry.budgetDeleted);
+  EXPECT_EQ(1, Run(0, true).budgetDeleted);  // a dry run deletes nothing
   EXPECT_TRUE(InSpool("ulog_A_B_2_0.rdy"));
-  const PassSummary summary = Run();
-  EXPECT_EQ(1, summary.budgetDeleted);
-  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "ulog_A_B_1_0.rdy", "ulog_A_B_3_0.rdy",
-                                      "ulog_A_B_4_0.rdy"}),
-            ts::ListNames(spool_));
+  EXPECT_EQ(1, Run().budgetDeleted);
+  EXPECT_EQ(
+      (Lines{".LogCourierAppLock", "ulog_A_B_1_0.rdy", "ulog_A_B_3_0.rdy", "ulog_A_B_4_0.rdy"}),
+      ts::ListNames(spool_));
   EXPECT_TRUE(server_.Requests().empty());
 }
 
-// The connections that carried the requests from `first` on.
-std::set<std::string> Connections(const std::vector<ts::RecordedRequest>& requests,
-                                  std::size_t first) {
-  std::set<std::string> seen;
-  for (std::size_t i = first; i < requests.size(); ++i) {
-    seen.insert(requests[i].headers.at("x-test-connection"));
-  }
-  return seen;
-}
-
-// A pass's requests share one connection; a server that closes it after
-// each answer still receives every file with no attempt counted; a file of
-// 20 MiB is streamed and arrives byte for byte.
+// A pass's requests share one connection; a server that closes it after each answer still
+// receives every file with no attempt counted; a file of 20 MiB is streamed whole.
 TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
-  const std::string close = R"({"status": 204, "close": true})";
   for (const bool closing : {false, true}) {
-    SCOPED_TRACE(closing ? "server closes after each answer" : "kept open");
     for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy", "log");
-    Script(closing ? Answers(kConfig, close) + "," + Answers(kPolicy, close) + "," +
-                         Answers(kUpload, R"({"status": 200, "close": true})")
-                   : "");
+    server_.Script(closing ? Answers(kConfig, kClose) + "," + Answers(kPolicy, kClose) + "," +
+                                 Answers(kUpload, R"({"status": 200, "close": true})")
+                           : "");
     const std::size_t before = server_.Requests().size();
     EXPECT_EQ(4, Run().sent);
     const auto requests = server_.Requests();
+    std::set<std::string> connections;
+    for (auto r = requests.begin() + static_cast<long>(before); r != requests.end(); ++r) {
+      connections.insert(r->headers.at("x-test-connection"));
+    }
     EXPECT_EQ(before + 6, requests.size());
-    EXPECT_EQ(closing ? 6u : 1u, Connections(requests, before).size());
+    EXPECT_EQ(closing ? 6u : 1u, connections.size()) << closing;
     EXPECT_EQ(0u, Failures("ulog_A_B_0_0.rdy"));
   }
   std::string big(20 << 20, '\0');
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 % 251);
   AddLog("ulog_A_B_big_0.rdy", big);
   SetConfig("[settings]\nmaxdiskspace=100\n");  // room for it in the spool's budget
-  Script("");
+  server_.Script("");
   EXPECT_EQ(1, Run().sent);
   const std::string body = server_.Requests().back().body;
-  EXPECT_NE(std::string::npos, body.find(big));
+  EXPECT_TRUE(Has(body, big));
   EXPECT_GT(big.size() + 400, body.size());
 }
 
 TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
-  struct Case {
-    std::string what;
-    std::string config;
-    std::function<bool()> set;
-  };
   const auto user = PrefUser::kCurrentUser;
   const auto here = PrefHost::kCurrentHost;
-  const std::vector<Case> cases = {
-      {"send 0", "", [&] { return SetPreferenceNumber("send", kDomain, 0, user, here); }},
-      {"optin 0", "",
+  const std::vector<std::pair<std::string, std::function<bool()>>> cases = {
+      {"", [&] { return SetPreferenceNumber("send", kDomain, 0, user, here); }},
+      {"",
        [&] {
          return SetPreferenceString("PersonGUID", kDomain, "P-7", user, here) &&
                 SetPreferenceDictionaryNumber("P-7", "optin", kDomain, 0, user, here);
        }},
-      {"Enabled 0", "",
+      {"",
        [&] {
          return SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", 0, PrefUser::kAnyUser,
                                     here);
        }},
-      {"Kill", "[ulog]\nstatus=Kill\n", [] { return true; }},
-      {"Hibernate until tomorrow", "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n",
-       [] { return true; }},
+      {"[ulog]\nstatus=Kill\n", [] { return true; }},
+      {"[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n", [] { return true; }},
   };
   AddLog("ulog_A_B_k_0.rdy", "x");
-  for (const Case& c : cases) {
+  for (std::size_t i = 0; i < cases.size(); ++i) {
     ts::ScopedTempDir system;  // a fresh any-user store per case
     systemPrefs_.Set(system.path());
     ::unlink(PreferenceFilePath(kDomain, user, here).c_str());  // the user's switches back on
-    SetConfig(c.config);
-    ASSERT_TRUE(c.set()) << c.what;
+    SetConfig(cases[i].first);
+    ASSERT_TRUE(cases[i].second()) << i;
     const PassSummary summary = Run();
-    EXPECT_EQ(0, summary.requests) << c.what;
-    EXPECT_FALSE(summary.quietReason.empty()) << c.what;
-    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy")) << c.what;
-    EXPECT_TRUE(server_.Requests().empty()) << c.what;
+    EXPECT_EQ(0, summary.requests) << i;
+    EXPECT_FALSE(summary.quietReason.empty()) << i;
+    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy")) << i;
+    EXPECT_TRUE(server_.Requests().empty()) << i;
     systemPrefs_.Set(system_.path());
   }
 }
@@ -261,70 +399,60 @@ TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
   AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy", "paused item");
   AddLog("ulog_Old_Item_K_1_0.rdy", "pause over");
   AddLog("ulog_Other_Thing_K_1_0.rdy", "never paused");
-  const PassSummary summary = Run();
-  EXPECT_EQ(1, summary.paused);
-  EXPECT_EQ((std::vector<std::string>{"ulog_Old_Item_K_1_0.rdy", "ulog_Other_Thing_K_1_0.rdy"}),
-            server_.Uploaded());
+  EXPECT_EQ(1, Run().paused);
+  EXPECT_EQ((Lines{"ulog_Old_Item_K_1_0.rdy", "ulog_Other_Thing_K_1_0.rdy"}), server_.Uploaded());
   EXPECT_TRUE(InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy"));
-  const std::string config = Config();
-  EXPECT_NE(std::string::npos, config.find("status=Active")) << config;
-  EXPECT_EQ(std::string::npos, config.find("wakeupdate")) << config;
-  EXPECT_EQ(std::string::npos, config.find("old_item")) << config;
-  EXPECT_NE(std::string::npos, config.find("lumetryqx_appcrash=x|2999-01-01")) << config;
+  const std::string config = ts::Contents(cfg_ + ".cfg");
+  EXPECT_TRUE(Has(config, "status=Active") && !Has(config, "wakeupdate")) << config;
+  EXPECT_TRUE(Has(config, "lumetryqx_appcrash=x|2999-01-01") && !Has(config, "old_item"));
 }
 
 TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
   struct Case {
     std::string answer;
-    std::vector<std::string> present;  // lines expected in the saved file
-    std::vector<std::string> absent;
-    std::string base;  // where the pass goes on; "" for no request after the answer
+    Lines present, absent;  // lines expected, and not, in the saved file
+    std::string base;       // where the pass goes on; "" for no request after the answer
   };
   const std::string big = "[settings]\\nmaxretries=4\\n#" + std::string(70000, 'p');
-  const std::string on = "/lumetry/";
   const std::vector<Case> cases = {
-      {R"({"status": 200, "body": "[settings]\noperation=Merge\nmaxretries=4\n"})",
+      {R"("[settings]\noperation=Merge\nmaxretries=4\n")",
        {"maxretries=4", "maxdiskspace=10", "operation=Merge"},
        {"maxretries=3"},
-       on},
-      {R"({"status": 200, "body": "[settings]\nurl=https://lumetry.quorvik.com/lumetry\n"})",
+       "/lumetry/"},
+      {R"("[settings]\nurl=https://lumetry.quorvik.com/lumetry\n")",
        {"url=https://lumetry.quorvik.com/lumetry"},
        {"maxdiskspace", "maxretries"},
-       on},
+       "/lumetry/"},
       // A new server address is used in the same pass.
-      {R"({"status": 200, "body": "[settings]\noperation=Merge\nurl=https://up.quorvik.com/o\n"})",
+      {R"("[settings]\noperation=Merge\nurl=https://up.quorvik.com/o\n")",
        {"url=https://up.quorvik.com/o"},
        {},
        "/o/"},
       // A Kill or Hibernate received in the pass ends every further request.
-      {R"({"status": 200, "body": "[ulog]\nstatus=Kill\n"})", {"status=Kill"}, {}, ""},
-      {R"({"status": 200, "body": "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n"})",
-       {"status=Hibernate"},
-       {},
-       ""},
-      {"{\"status\": 200, \"body\": \"" + big + "\"}", {"maxretries=3"}, {"maxretries=4"}, on},
-      {R"({"status": 500, "body": "[settings]\nmaxretries=4\n"})", {"maxretries=3"}, {}, on},
-      {R"({"status": 200, "body": "\u0001\u0002[\u00ff=\n=\n[]"})", {}, {}, on},
+      {R"("[ulog]\nstatus=Kill\n")", {"status=Kill"}, {}, ""},
+      {R"("[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n")", {"status=Hibernate"}, {}, ""},
+      {"\"" + big + "\"", {"maxretries=3"}, {"maxretries=4"}, "/lumetry/"},
+      {R"("[settings]\nmaxretries=4\n", "status": 500)", {"maxretries=3"}, {}, "/lumetry/"},
+      {R"("\u0001\u0002[\u00ff=\n=\n[]")", {}, {}, "/lumetry/"},
   };
   for (const Case& c : cases) {
     SetConfig("");
     AddLog("ulog_A_B_k_0.rdy", "x");
-    Script(Answers(kConfig, c.answer));
-    std::vector<std::string> lines = server_.RequestLines();
-    const std::size_t before = lines.size();
+    server_.Script(Answers(kConfig, "{\"body\": " + c.answer + "}"));
+    Lines lines = server_.RequestLines();
+    const auto before = static_cast<long>(lines.size());
     EXPECT_TRUE(Run().ran);
-    const std::string config = Config();
-    for (const auto& line : c.present) EXPECT_NE(std::string::npos, config.find(line)) << config;
-    for (const auto& line : c.absent) EXPECT_EQ(std::string::npos, config.find(line)) << config;
+    const std::string config = ts::Contents(cfg_ + ".cfg");
+    for (const auto& line : c.present) EXPECT_TRUE(Has(config, line)) << config;
+    for (const auto& line : c.absent) EXPECT_FALSE(Has(config, line)) << config;
     EXPECT_EQ(c.base.empty(), InSpool("ulog_A_B_k_0.rdy")) << c.answer;
-    std::vector<std::string> expected = {"GET " + kConfig};
+    Lines expected = {"GET " + kConfig};
     if (!c.base.empty()) {
-      expected.push_back("GET " + c.base + "GetTarvix/");
-      expected.push_back("POST " + c.base + "UploadFile/");
+      expected.insert(expected.end(),
+                      {"GET " + c.base + "GetTarvix/", "POST " + c.base + "UploadFile/"});
     }
     lines = server_.RequestLines();
-    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
-    EXPECT_EQ(expected, lines) << c.answer;
+    EXPECT_EQ(expected, Lines(lines.begin() + before, lines.end())) << c.answer;
   }
 }
 
@@ -342,14 +470,11 @@ TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
       {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')},
   };
   for (const auto& [answer, expected] : cases) {
-    Script(Answers(kPolicy, answer));
+    server_.Script(Answers(kPolicy, answer));
     Run();
-    std::string stored;
-    EXPECT_TRUE(ts::ReadFile(path, &stored)) << answer;
-    EXPECT_TRUE(stored == expected) << answer << " gave " << stored.size() << " bytes";
+    EXPECT_TRUE(ts::Contents(path) == expected) << answer << " gave " << ts::Contents(path).size();
     // Written through a temporary file that is renamed: none is left behind.
-    EXPECT_EQ(std::vector<std::string>{"tarvix_policy.xml"},
-              ts::ListNames(path.substr(0, path.rfind('/'))));
+    EXPECT_EQ(Lines{"tarvix_policy.xml"}, ts::ListNames(path.substr(0, path.rfind('/'))));
   }
 }
 
@@ -360,21 +485,170 @@ TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
   AddLog("ulog_A_B_k_0.rdy", "x");
   PassSummary summary = Run();
   EXPECT_EQ(0, summary.requests);
-  EXPECT_NE(std::string::npos, summary.quietReason.find("not allowed")) << summary.quietReason;
-
+  EXPECT_TRUE(Has(summary.quietReason, "not allowed")) << summary.quietReason;
   SetConfig("");
-  summary = Run(0, false, ts::SharedCertificates().otherCaFile);
-  EXPECT_EQ(1, summary.requests);  // the configuration request fails its handshake: no more
+  EXPECT_EQ(1, Run(0, false, "other-ca.pem").requests);  // the handshake fails: no more
   EXPECT_TRUE(server_.Requests().empty());
-  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
-  EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
-
   server_.Stop();  // the server is down: one refused connection ends the pass
   summary = Run();
   EXPECT_EQ(1, summary.requests);
-  EXPECT_NE(std::string::npos, summary.stopReason.find("cannot be reached"));
+  EXPECT_TRUE(Has(summary.stopReason, "cannot be reached"));
   EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
   EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
+}
+
+// The built program.
+
+TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
+  ::unlink((cfg_ + ".cfg").c_str());  // the built-in configuration
+  const std::string name = "ulog_LumetryQX_AppCrash_K7F3_SESS-1_0.rdy";
+  // Stored bytes go out as they are: marker, line ends, NUL, high bytes.
+  const char raw[] = "K-Q$mw#$zRTd8pofupinbody\r\n--not-a-boundary\0\xff\n";
+  const std::string stored(raw, sizeof raw - 1);
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/" + name, stored));
+  EXPECT_EQ("0||", Outcome(ts::RunProgram(Cli({"crash"}))));  // silent
+  EXPECT_FALSE(InSpool(name));
+  const auto requests = server_.Requests();
+  EXPECT_EQ((Lines{"GET " + kConfig, "GET " + kPolicy, "POST " + kUpload}), server_.RequestLines());
+  std::string machineId;  // made by the program in the user's preferences
+  ASSERT_TRUE(GetPreferenceString("MachineID", kDomain, &machineId, PrefUser::kCurrentUser,
+                                  PrefHost::kCurrentHost));
+  EXPECT_EQ(36u, machineId.size());
+  for (const auto& request : requests) {
+    EXPECT_EQ("LogCourier2/" LUMETRY_TEST_VERSION " (Linux)", request.headers.at("user-agent"));
+    EXPECT_EQ("lumetry.quorvik.com", request.headers.at("host"));
+    EXPECT_EQ(machineId, request.headers.at("x-lumetry-machine-id"));
+  }
+  const Request& upload = requests.at(2);
+  const std::string type = upload.headers.at("content-type");
+  const std::string boundary = type.substr(type.find("boundary=") + 9);
+  EXPECT_EQ("multipart/form-data; boundary=" + boundary, type);
+  const std::string expected = "--" + boundary +
+                               "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
+                               name + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" +
+                               stored + "\r\n--" + boundary + "--\r\n";
+  EXPECT_EQ(expected, upload.body);
+  EXPECT_EQ(std::to_string(expected.size()), upload.headers.at("content-length"));
+}
+
+TEST_F(PassTest, ProgramSecondInstanceAndDryRunSendNothing) {
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_k_0.xml", "<x/>"));
+  const int fd = ::open((spool_ + "/.LogCourierAppLock").c_str(), O_RDONLY | O_CREAT, 0600);
+  ASSERT_EQ(0, ::flock(fd, LOCK_EX | LOCK_NB));  // a pass is running
+  const auto second = ts::RunProgram(Cli({"--verbose"}));
+  ::close(fd);
+  EXPECT_EQ(0, second.status);
+  EXPECT_TRUE(Has(second.err, "another pass holds the lock")) << second.err;
+  const auto dry = ts::RunProgram(Cli({"--verbose", "--dry-run", "manual"}));
+  EXPECT_EQ(0, dry.status);
+  EXPECT_EQ("", dry.out);
+  for (const char* line :
+       {"LogCourier2: pass started (manual)\n", "would send ulog_A_B_k_0.xml (4 bytes)",
+        "LogCourier2: pass done: sent 0,"})
+    EXPECT_TRUE(Has(dry.err, line)) << dry.err;
+  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_TRUE(InSpool("ulog_A_B_k_0.xml"));
+  EXPECT_EQ(0, ts::RunProgram(Cli({})).status);
+  EXPECT_FALSE(InSpool("ulog_A_B_k_0.xml"));
+}
+
+TEST_F(PassTest, ProgramKilledWhileWaitingTheNextPassFinishesTheWork) {
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_k_0.xml", "<x/>"));
+  ASSERT_TRUE(ts::WriteFile(spool_ + "/ulog_A_B_l_0.xml", "<y/>"));
+  server_.Script(Answers(kUpload, R"({"status": 200, "delay": 5})"));
+  const pid_t pid = Spawn(Cli({}));  // HOME is the test's home, inherited
+  for (int i = 0; i < 200 && server_.Requests().size() < 3; ++i) ::usleep(25000);
+  ASSERT_EQ(3u, server_.Requests().size());  // the first upload is out, its answer not yet
+  ::kill(pid, SIGKILL);
+  ASSERT_EQ(pid, ::waitpid(pid, nullptr, 0));
+  server_.Script("");
+  EXPECT_EQ(0, ts::RunProgram(Cli({})).status);  // the lock died with the process
+  // Only the file whose answer never arrived went out twice.
+  EXPECT_EQ((Lines{"ulog_A_B_k_0.xml", "ulog_A_B_k_0.xml", "ulog_A_B_l_0.xml"}),
+            server_.Uploaded());
+  EXPECT_EQ(Lines{".LogCourierAppLock"}, ts::ListNames(spool_));
+}
+
+// --status over a spool in every state it reports: each is named in the text and carried by
+// the JSON; nothing is changed, no request made.
+TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
+  ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg",
+                            "[settings]\nretryinterval=60\n[ulog]\nstatus=Hibernate\n"
+                            "wakeupdate=2099-01-01\n[hibernate]\nA_B=x|2099-02-03\n"));
+  const long now = static_cast<long>(std::time(nullptr));
+  SetLedger("notbefore " + std::to_string(now + 3600) + "\n2 " + std::to_string(now) +
+            " ulog_X_Y_failed_0.rdy\n");
+  for (const char* name : {"ulog_X_Y_failed_0.rdy", "ulog_A_B_paused_0.rdy", "ulog_X_Y_busy_0.xml"})
+    AddLog(name, "12345");
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(spool_ + "/ulog_X_Y_busy_0.xml");
+  ASSERT_TRUE(
+      SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser, PrefHost::kCurrentHost));
+  const std::string sessions = home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo/";
+  ASSERT_TRUE(ts::WriteFile(sessions + "1_F_N_S_K_x_y_p.info", ""));  // pid 1 started first
+  ASSERT_TRUE(ts::WriteFile(sessions + "__999999999__F_N_S_K_x_y_p.info", ""));  // no such pid
+  const auto text = ts::RunProgram({kProgram, "--status"});
+  const auto doc = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
+  writer.Close();
+  EXPECT_EQ(0, text.status) << text.err;
+  for (const char* fact :
+       {"3 usage logs, 15 bytes", "ulog_X_Y_failed_0.rdy: 5 bytes, 2 failed attempts, next try ",
+        "ulog_A_B_paused_0.rdy: 5 bytes, item paused until 2099-02-03",
+        "ulog_X_Y_busy_0.xml: 5 bytes, locked", "Sending: no: sending is switched off",
+        "Status: Hibernate until 2099-01-01", "Retry-After: no upload before ",
+        "Server: https://lumetry.quorvik.com/lumetry", "1 live, 1 orphaned",
+        "Last pass: none recorded"}) {
+    EXPECT_TRUE(Has(text.out, fact)) << fact << "\n" << text.out;
+  }
+  EXPECT_EQ(3, doc["spool"]["files"]);
+  for (const auto& log : doc["spool"]["logs"]) {
+    EXPECT_EQ(log["name"] == "ulog_X_Y_failed_0.rdy" ? 2 : 0, log["failedAttempts"]) << log;
+    EXPECT_EQ(log["name"] == "ulog_X_Y_busy_0.xml", log["locked"]) << log;
+  }
+  EXPECT_EQ("Hibernate", doc["status"]);
+  EXPECT_EQ(now + 3600, doc["retryAfter"]);
+  EXPECT_EQ(1, doc["sessions"]["orphaned"]);
+  EXPECT_EQ(0u, server_.Requests().size());
+  EXPECT_EQ(3u, ts::ListNames(spool_).size());
+  // A pass records its time and summary for the view.
+  ASSERT_EQ(0, ts::RunProgram(Cli({})).status);
+  const auto after = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
+  EXPECT_TRUE(Has(after["lastPass"]["summary"].get<std::string>(), "orphaned sessions swept 1"));
+}
+
+TEST(UploaderInstallTest, InstallsWhereTheLauncherLooks) {
+  ts::ScopedTempDir prefix;
+  const auto install = ts::RunProgram(
+      {CMAKE_PROGRAM, "--install", BUILD_DIR, "--prefix", prefix.path(), "--component", "courier"});
+  ASSERT_EQ(0, install.status) << install.out << install.err;
+  const std::string program = prefix.Sub("lib/lumetry/LogCourier2.app/Contents/MacOS/LogCourier2");
+  EXPECT_EQ("LogCourier2 " LUMETRY_TEST_VERSION "\n", ts::RunProgram({program, "--version"}).out);
+  SetUploaderLocationHint(prefix.Sub("lib/lumetry/").c_str());  // as a host application does
+  EXPECT_EQ(program, LocateUploaderExecutable());
+  const std::string units = prefix.Sub("lib/systemd/user/logcourier2.");
+  EXPECT_TRUE(Has(ts::Contents(units + "service"), "\nExecStart=" + program + " service\n"));
+  EXPECT_TRUE(
+      Has(ts::Contents(units + "path"), "\nPathChanged=%h/Library/Logs/Quorvik/LogCourier2QX\n"));
+  EXPECT_TRUE(ts::PathExists(units + "timer"));
+}
+
+TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
+  const auto help = ts::RunProgram({kProgram, "--help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_EQ(0u, help.out.rfind("Usage: LogCourier2 [--verbose]", 0)) << help.out;
+  EXPECT_EQ("0|LogCourier2 " LUMETRY_TEST_VERSION "\n|", Outcome(ts::RunProgram({kProgram, "-V"})));
+  const std::vector<std::pair<Lines, std::string>> errors = {
+      {{"--x"}, "unrecognized option '--x'"},
+      {{"--x=1"}, "unrecognized option '--x=1'"},
+      {{"--cacert"}, "option '--cacert' requires an argument"},
+      {{"-z"}, "invalid option -- 'z'"},
+      {{"one", "two"}, "unexpected argument 'two'"},
+  };
+  for (const auto& [args, message] : errors) {
+    Lines argv = {kProgram};
+    argv.insert(argv.end(), args.begin(), args.end());
+    EXPECT_EQ("2||LogCourier2: " + message + "\nTry 'LogCourier2 --help'.\n",
+              Outcome(ts::RunProgram(argv)));
+  }
 }
 
 }  // namespace

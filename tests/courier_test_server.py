@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
-Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime S] [--print]
+Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
+Without --cert it makes DIR/ca.pem (the CA of its certificate for quorvik.com and *.quorvik.com)
+and DIR/other-ca.pem (a CA that signed nothing it shows).
 Writes its port to DIR/port; records each request as DIR/requests/NNNN.head ("METHOD PATH",
 then "name: value" lines, names lower-cased, plus "x-test-connection: N") and NNNN.body.
 Keeps connections open. Answers follow DIR/script.json, read per request:
@@ -18,6 +20,7 @@ import json
 import os
 import socket
 import ssl
+import subprocess
 import sys
 import threading
 import time
@@ -151,17 +154,33 @@ class Server(http.server.ThreadingHTTPServer):
             super().finish_request(tls, client_address)
 
 
+def make_certificates(d):
+    """Writes d/ca.pem, d/other-ca.pem and a server certificate; returns (cert, key)."""
+    run = lambda *a: subprocess.run(["openssl", *a], check=True, capture_output=True)
+    req = ["req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout"]
+    ca = ["-days", "3", "-addext", "basicConstraints=critical,CA:TRUE", "-addext",
+          "keyUsage=critical,keyCertSign", "-x509", "-out"]
+    for name in ("ca", "other-ca"):
+        run(*req, f"{d}/{name}.key", *ca, f"{d}/{name}.pem", "-subj", "/CN=" + name)
+    run(*req, f"{d}/server.key", "-out", f"{d}/server.csr", "-subj", "/CN=lumetry.quorvik.com")
+    with open(f"{d}/server.ext", "w") as f:
+        f.write("subjectAltName=DNS:quorvik.com,DNS:*.quorvik.com\nextendedKeyUsage=serverAuth\n")
+    run("x509", "-req", "-in", f"{d}/server.csr", "-CA", f"{d}/ca.pem", "-CAkey", f"{d}/ca.key",
+        "-CAcreateserial", "-days", "3", "-out", f"{d}/server.pem", "-extfile", f"{d}/server.ext")
+    return f"{d}/server.pem", f"{d}/server.key"
+
+
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--cert", required=True)
-    parser.add_argument("--key", required=True)
+    parser.add_argument("--cert")
+    parser.add_argument("--key")
     parser.add_argument("--dir", required=True)
     parser.add_argument("--lifetime", type=float, default=120)
     parser.add_argument("--print", action="store_true")
     args = parser.parse_args()
     os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(args.cert, args.key)
+    context.load_cert_chain(*((args.cert, args.key) if args.cert else make_certificates(args.dir)))
     state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0,
              "print": args.print}
     server = Server(("127.0.0.1", 0), context, state)
