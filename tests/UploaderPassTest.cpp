@@ -1,6 +1,6 @@
-// Passes of the uploader against a real HTTPS server (courier_test_server.py) on a loopback
-// port: the library's pass, with a fixed clock when asked, and the built LogCourier2 driven
-// as the launcher and the service units do.
+// The uploader: passes against a real HTTPS server (courier_test_server.py) on a loopback
+// port, of the library (with a fixed clock when asked) and of the built LogCourier2 driven as
+// the launcher and the service units do; then its pieces on their own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,14 +10,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,15 +27,19 @@
 #include "Pass.h"
 #include "Preferences.h"
 #include "Reporter.h"
+#include "RetryAfter.h"
+#include "ServerAddress.h"
+#include "SpoolScan.h"
 #include "TestSupport.h"
 #include "UploaderConfig.h"
+#include "Uploads.h"
 
 extern char** environ;
 
 namespace {
 
 namespace ts = testing_support;
-using Courier::PassSummary;
+using namespace Courier;
 using Lines = std::vector<std::string>;
 
 const std::string kProgram = COURIER_PROGRAM;
@@ -66,8 +69,7 @@ pid_t Spawn(Lines args) {
 }
 
 struct Request {
-  std::string line;                            // "METHOD PATH"
-  std::map<std::string, std::string> headers;  // names lower-cased
+  std::string head;  // "METHOD PATH", then "name: value" lines, names lower-cased
   std::string body;
 };
 
@@ -102,24 +104,17 @@ class TestServer {
     std::vector<Request> all;
     for (const std::string& name : ts::ListNames(dir_.Sub("requests"))) {
       const std::string base = dir_.Sub("requests/" + name.substr(0, name.find('.')));
-      std::string head;
       Request r;
-      if (!Has(name, ".head") || !ts::ReadFile(base + ".head", &head) ||
-          !ts::ReadFile(base + ".body", &r.body)) {
-        continue;
+      if (Has(name, ".head") && ts::ReadFile(base + ".head", &r.head) &&
+          ts::ReadFile(base + ".body", &r.body)) {
+        all.push_back(std::move(r));
       }
-      std::istringstream lines(head);
-      std::getline(lines, r.line);
-      for (std::string l; std::getline(lines, l);) {
-        if (Has(l, ": ")) r.headers[l.substr(0, l.find(": "))] = l.substr(l.find(": ") + 2);
-      }
-      all.push_back(std::move(r));
     }
     return all;
   }
   Lines RequestLines() const {
     Lines lines;
-    for (const Request& r : Requests()) lines.push_back(r.line);
+    for (const Request& r : Requests()) lines.push_back(r.head.substr(0, r.head.find('\n')));
     return lines;
   }
   Lines Uploaded() const {  // the "filename" of each upload, in order
@@ -163,21 +158,17 @@ class PassTest : public ::testing::Test {
   bool InSpool(const std::string& name) const { return ts::PathExists(spool_ + "/" + name); }
   PassSummary Run(std::int64_t now = 0, bool dryRun = false, const char* ca = "ca.pem",
                   long totalMs = 20000) {
-    Courier::PassSettings settings;
-    settings.dryRun = dryRun;
-    if (now != 0) settings.clock = [now] { return now; };
-    settings.makeTransport = [this, ca, totalMs] {
-      Courier::TransportSettings transport;
-      transport.userAgent = "LogCourier2/test (Linux)";
-      transport.machineId = "TEST-MACHINE";
-      transport.connectTo = server_.ConnectTo();
-      transport.caFile = server_.Ca(ca);
-      transport.connectTimeoutMs = 5000;
-      transport.totalTimeoutMs = totalMs;
-      return Courier::MakeCurlTransport(transport);
-    };
+    const Courier::TransportSettings net{"LogCourier2/test (Linux)",
+                                         "TEST-MACHINE",
+                                         server_.ConnectTo(),
+                                         server_.Ca(ca),
+                                         5000,
+                                         totalMs};
+    std::function<std::int64_t()> clock;
+    if (now != 0) clock = [now] { return now; };
     Courier::Reporter report(false, nullptr);
-    return Courier::RunPass(settings, report);
+    return Courier::RunPass({dryRun, "", clock, [net] { return Courier::MakeCurlTransport(net); }},
+                            report);
   }
   std::uint32_t Failures(const std::string& name) const {  // 0 when it has no record
     const auto* attempts = Courier::AttemptLedger::Load(cfg_ + ".attempts").Find(name);
@@ -340,7 +331,7 @@ TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
     const auto requests = server_.Requests();
     std::set<std::string> connections;
     for (auto r = requests.begin() + static_cast<long>(before); r != requests.end(); ++r) {
-      connections.insert(r->headers.at("x-test-connection"));
+      connections.insert(r->head.substr(r->head.find("x-test-connection")));
     }
     EXPECT_EQ(before + 6, requests.size());
     EXPECT_EQ(closing ? 6u : 1u, connections.size()) << closing;
@@ -515,20 +506,20 @@ TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
                                   PrefHost::kCurrentHost));
   EXPECT_EQ(36u, machineId.size());
   for (const auto& request : requests) {
-    EXPECT_EQ("LogCourier2/" LUMETRY_TEST_VERSION " (Linux)", request.headers.at("user-agent"));
-    EXPECT_EQ("lumetry.quorvik.com", request.headers.at("host"));
-    EXPECT_EQ(machineId, request.headers.at("x-lumetry-machine-id"));
+    EXPECT_TRUE(Has(request.head, "\nuser-agent: LogCourier2/" LUMETRY_TEST_VERSION " (Linux)\n"));
+    EXPECT_TRUE(Has(request.head, "\nhost: lumetry.quorvik.com\n"));
+    EXPECT_TRUE(Has(request.head, "\nx-lumetry-machine-id: " + machineId + "\n"));
   }
-  const Request& upload = requests.at(2);
-  const std::string type = upload.headers.at("content-type");
-  const std::string boundary = type.substr(type.find("boundary=") + 9);
-  EXPECT_EQ("multipart/form-data; boundary=" + boundary, type);
+  const std::string& head = requests.at(2).head;
+  const auto at = head.find("boundary=") + 9;
+  const std::string boundary = head.substr(at, head.find('\n', at) - at);
+  EXPECT_TRUE(Has(head, "\ncontent-type: multipart/form-data; boundary=" + boundary + "\n"));
   const std::string expected = "--" + boundary +
                                "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
                                name + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" +
                                stored + "\r\n--" + boundary + "--\r\n";
-  EXPECT_EQ(expected, upload.body);
-  EXPECT_EQ(std::to_string(expected.size()), upload.headers.at("content-length"));
+  EXPECT_EQ(expected, requests.at(2).body);
+  EXPECT_TRUE(Has(head, "\ncontent-length: " + std::to_string(expected.size()) + "\n"));
 }
 
 TEST_F(PassTest, ProgramSecondInstanceAndDryRunSendNothing) {
@@ -648,6 +639,121 @@ TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
     argv.insert(argv.end(), args.begin(), args.end());
     EXPECT_EQ("2||LogCourier2: " + message + "\nTry 'LogCourier2 --help'.\n",
               Outcome(ts::RunProgram(argv)));
+  }
+}
+
+TEST(ServerAddressTest, OnlyTheMakersHttpsHostsAndLocalHttp) {
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"https://lumetry.quorvik.com/lumetry", true},
+      {"https://a.b.quorvik.com/x/", true},
+      {"https://a.quorvik.com:8443/x/", false},  // the patterns want the path after the domain
+      {"https://LUMETRY.Quorvik.COM/lumetry?https://a.quorvik.com/", true},
+      {"http://localhost/lumetry", true},
+      {"http://lumetry.quorvik.com/lumetry", false},  // plain http only to localhost
+      {"https://localhost/lumetry?https://a.quorvik.com/", false},
+      {"https://evil.org/x?https://a.quorvik.com/", false},
+      {"https://quorvik.com.evil.org/?https://a.quorvik.com/", false},
+      {"https://evilquorvik.com/?https://a.quorvik.com/", false},
+      {"https://user@a.quorvik.com/", false},
+      {"https://user:pw@a.quorvik.com/", false},
+      {"ftp://a.quorvik.com/?https://a.quorvik.com/", false},
+      {"xhttps://a.quorvik.com/", false},
+      {"https://a.quorvik.com", false},  // the configuration's patterns want a path
+      {"", false},
+      {"https://[::1]/?https://a.quorvik.com/", false},
+  };
+  for (const auto& [url, allowed] : cases) EXPECT_EQ(allowed, IsStrictServerUrl(url)) << url;
+}
+
+TEST(RetryAfterTest, SecondsOrHttpDateCapped) {
+  const std::int64_t now = 1700000000;  // Tue, 14 Nov 2023 22:13:20 GMT
+  const std::vector<std::tuple<std::string, bool, std::int64_t>> cases = {
+      {"0", true, now},
+      {"120", true, now + 120},
+      {"99999999999999999999999", true, now + kMaxRetryAfterSeconds},
+      {"Tue, 14 Nov 2023 22:15:20 GMT", true, now + 120},
+      {"Tuesday, 14-Nov-23 22:15:20 GMT", true, now + 120},
+      {"Tue, 14 Nov 2023 22:00:00 GMT", true, now},  // already past
+      {"Tue, 14 Nov 2033 22:00:00 GMT", true, now + kMaxRetryAfterSeconds},
+      {"", false, -1},
+      {"-5", false, -1},
+      {"soon", false, -1},
+  };
+  for (const auto& [value, ok, expected] : cases) {
+    std::int64_t until = -1;
+    EXPECT_EQ(ok, RetryAfterUntil(value, now, &until)) << value;
+    EXPECT_EQ(expected, until) << value;
+  }
+}
+
+TEST(UploadRulesTest, StatusVerdictsAndLogNames) {
+  const std::vector<std::pair<UploadVerdict, std::vector<long>>> verdicts = {
+      {UploadVerdict::kAccepted, {201, 204, 299}},
+      {UploadVerdict::kRetry, {304, 503, 599, 100, 0, 700}},
+      {UploadVerdict::kRefused, {401, 404, 413, 499}}};
+  for (const auto& [verdict, statuses] : verdicts) {
+    for (long status : statuses) EXPECT_EQ(verdict, VerdictForStatus(status)) << status;
+  }
+  const std::vector<std::pair<std::string, std::string>> items = {
+      {"ulog_LumetryQX_AppCrash_K7F3_S1_0.rdy", "LumetryQX/AppCrash"},
+      {"ulog_A__x.xml", "A/"},
+      {"ulog_A_B.xml", "-/"},
+      {"ulog.xml", "-/"}};
+  for (const auto& [name, expected] : items) {
+    std::string family, item;
+    EXPECT_EQ(expected, (ItemOfName(name, &family, &item) ? "" : "-") + family + "/" + item);
+  }
+  for (const char* name : {"ulog_a.rdy", "ulog_LumetryQX_AppCrash_k_1_0.xml"}) {
+    EXPECT_TRUE(IsUsageLogName(name)) << name;
+  }
+  for (const char* name : {"ulog_.rdy", "ulog_a.rdy.tmp", "ulog_a.txt", "xulog_a.rdy", "Ulog_a.rdy",
+                           "ulog_a\nb.rdy", ".ulog_a.rdy", "ulog_a.RDY"}) {
+    EXPECT_FALSE(IsUsageLogName(name)) << name;
+  }
+}
+
+// Counting across passes and reading damage amid records are pinned by the passes; here,
+// what the file holds.
+TEST(AttemptLedgerTest, WritesOnlyWhenChangedAndReadsWhatIsUsable) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("ledger");
+  AttemptLedger ledger = AttemptLedger::Load(path);  // no file yet
+  EXPECT_TRUE(ledger.SaveIfChanged());
+  EXPECT_FALSE(ts::PathExists(path));  // nothing changed, nothing written
+  EXPECT_EQ(1u, ledger.RecordFailure("ulog_a_b_1.rdy", 100));
+  EXPECT_EQ(2u, ledger.RecordFailure("ulog_a_b_1.rdy", 200));
+  ledger.RecordFailure("ulog_c d_e.xml", 300);  // blanks in a name are fine
+  ledger.RecordFailure("ulog_gone.xml", 50);
+  ledger.SetNotBefore(12345);
+  ledger.KeepOnly({"ulog_a_b_1.rdy", "ulog_c d_e.xml"});
+  ASSERT_TRUE(ledger.SaveIfChanged());
+  EXPECT_EQ("notbefore 12345\n2 200 ulog_a_b_1.rdy\n1 300 ulog_c d_e.xml\n", ts::Contents(path));
+  EXPECT_EQ(300, AttemptLedger::Load(path).Find("ulog_c d_e.xml")->lastFailure);
+  EXPECT_FALSE(AttemptLedger::Load(path).changed());
+  // Damaged or huge files: the records read back.
+  std::string many;  // too many: the most recent failures are kept, within the cap
+  for (std::size_t i = 0; i < AttemptLedger::kMaxEntries + 10; ++i) {
+    many += "1 " + std::to_string(1000 + i) + " ulog_" + std::to_string(100000 + i) + ".rdy\n";
+  }
+  const std::vector<std::pair<std::string, std::size_t>> cases = {
+      {"3 10 ulog_a.rdy", 1},      // no final line feed
+      {"3 10 ulog_a.rdy\r\n", 0},  // "ulog_a.rdy\r" is no usage-log name
+      {"x 10 ulog_a.rdy\n-1 10 ulog_b.rdy\n", 0},
+      {"3 x ulog_a.rdy\n3  ulog_b.rdy\n", 0},
+      {"4294967296 1 ulog_a.rdy\n", 0},  // beyond 32 bits
+      {"3 10 not_a_log\n3 10\n3\n\n", 0},
+      {std::string(std::size_t{2} << 20, '\n') + "3 10 ulog_a.rdy\n", 0},  // over the size cap
+      {many, AttemptLedger::kMaxEntries - 1},  // the fresh record pushes out the oldest
+  };
+  for (const auto& [text, records] : cases) {
+    ASSERT_TRUE(ts::WriteFile(path, text));
+    AttemptLedger read = AttemptLedger::Load(path);
+    read.RecordFailure("ulog_fresh.rdy", 999999);
+    const std::string saved = read.Serialize();
+    EXPECT_EQ(records + 1, static_cast<std::size_t>(std::count(saved.begin(), saved.end(), '\n')))
+        << saved.substr(0, 100);
+    EXPECT_FALSE(Has(saved, "ulog_100000.rdy"));
+    EXPECT_TRUE(Has(saved, "ulog_fresh.rdy"));
   }
 }
 
