@@ -49,6 +49,9 @@ const std::string kUpload = "/lumetry/UploadFile/";
 const std::string kConfig = "/lumetry/GetConfig/";
 const std::string kPolicy = "/lumetry/GetTarvix/";
 const std::string kClose = R"({"status": 204, "close": true})";
+const std::string kDefaults =
+    "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
+    "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n";
 
 std::string Answers(const std::string& path, const std::string& answers) {
   return "\"" + path + "\": [" + answers + "]";
@@ -77,37 +80,35 @@ struct Request {
   std::string body;
 };
 
-// The server, killed with the object. It makes its certificates: ca.pem signed the one it
-// shows for the maker's hosts, other-ca.pem signed nothing it shows.
-class TestServer {
- public:
-  ~TestServer() { Stop(); }
-  bool Start() {
-    pid_ = Spawn({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", dir_.path()});
-    std::string port;
-    for (int i = 0; i < 300 && pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; ++i) {
-      if (ts::ReadFile(dir_.Sub("port"), &port) && !port.empty()) return std::stoi(port) > 0;
-      ::usleep(50000);
-    }
-    return false;
+// A temporary home with a spool and a configuration file, and the test server, killed with
+// the fixture. The server makes its certificates: ca.pem signed the one it shows for the
+// maker's hosts, other-ca.pem signed nothing it shows.
+class PassTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pid_ = Spawn({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", srv_.path()});
+    for (int i = 0; i < 300 && !ts::PathExists(srv_.Sub("port")); ++i) ::usleep(50000);
+    ASSERT_TRUE(ts::PathExists(srv_.Sub("port")));
+    ASSERT_TRUE(ts::MakeDirs(spool_));
+    SetConfig("");
   }
-  void Stop() {  // each request is on disk before it is answered: nothing is lost
+  void TearDown() override { StopServer(); }
+  void StopServer() {  // each request is on disk before it is answered: nothing is lost
     if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
-  std::string Ca(const char* name = "ca.pem") const { return dir_.Sub(name); }
   // A "--connect-to" value that brings requests meant for `from` (":" for any) here.
   std::string ConnectTo(const std::string& from = ":") const {
-    return from + ":127.0.0.1:" + ts::Contents(dir_.Sub("port"));
+    return from + ":127.0.0.1:" + ts::Contents(srv_.Sub("port"));
   }
   void Script(const std::string& body) const {
-    ASSERT_TRUE(ts::WriteFile(dir_.Sub("s.tmp"), "{" + body + "}"));
-    ASSERT_EQ(0, std::rename(dir_.Sub("s.tmp").c_str(), dir_.Sub("script.json").c_str()));
+    ASSERT_TRUE(ts::WriteFile(srv_.Sub("s.tmp"), "{" + body + "}"));
+    ASSERT_EQ(0, std::rename(srv_.Sub("s.tmp").c_str(), srv_.Sub("script.json").c_str()));
   }
   std::vector<Request> Requests() const {
     std::vector<Request> all;
-    for (const std::string& name : ts::ListNames(dir_.Sub("requests"))) {
-      const std::string base = dir_.Sub("requests/" + name.substr(0, name.find('.')));
+    for (const std::string& name : ts::ListNames(srv_.Sub("requests"))) {
+      const std::string base = srv_.Sub("requests/" + name.substr(0, name.find('.')));
       Request r;
       if (Has(name, ".head") && ts::ReadFile(base + ".head", &r.head) &&
           ts::ReadFile(base + ".body", &r.body)) {
@@ -123,32 +124,14 @@ class TestServer {
   }
   std::string Uploaded() const {  // the "filename" of each upload, in order
     Lines names;
-    const std::string key = "filename=\"";
     for (const Request& r : Requests()) {
-      const auto at = r.body.find(key) + key.size();
-      if (Has(r.body, key)) names.push_back(r.body.substr(at, r.body.find('"', at) - at));
+      const auto at = r.body.find("filename=\"") + 10;
+      if (Has(r.body, "filename=\"")) names.push_back(r.body.substr(at, r.body.find('"', at) - at));
     }
     return Join(names);
   }
-
- private:
-  ts::ScopedTempDir dir_;
-  pid_t pid_ = -1;
-};
-
-// A temporary home with a spool and a configuration file, and the server.
-class PassTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(server_.Start());
-    ASSERT_TRUE(ts::MakeDirs(spool_));
-    SetConfig("");
-  }
   void SetConfig(const std::string& extra) {
-    ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg",
-                              "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
-                              "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n" +
-                                  extra));
+    ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg", kDefaults + extra));
   }
   void SetLedger(const std::string& text) { ASSERT_TRUE(ts::WriteFile(cfg_ + ".attempts", text)); }
   // A usage log `age` seconds old (by modification time).
@@ -165,17 +148,13 @@ class PassTest : public ::testing::Test {
   void ExpectConfig(const std::string& lines) const {
     const std::string config = ts::Contents(cfg_ + ".cfg");
     std::istringstream words(lines);
-    for (std::string w; words >> w;)
-      EXPECT_EQ(w[0] == '+', Has(config, w.substr(1))) << w << config;
+    for (std::string w; words >> w;) EXPECT_EQ(w[0] == '+', Has(config, w.substr(1))) << w;
   }
   PassSummary Run(std::int64_t now = 0, bool dryRun = false, const char* ca = "ca.pem",
                   long totalMs = 20000) {
-    const TransportSettings net{"LogCourier2/test (Linux)",
-                                "TEST-MACHINE",
-                                server_.ConnectTo(),
-                                server_.Ca(ca),
-                                5000,
-                                totalMs};
+    TransportSettings net{"LogCourier2/test (Linux)", "TEST-MACHINE", ConnectTo(), srv_.Sub(ca)};
+    net.connectTimeoutMs = 5000;
+    net.totalTimeoutMs = totalMs;
     std::function<std::int64_t()> clock;
     if (now != 0) clock = [now] { return now; };
     Reporter report(false, nullptr);
@@ -187,8 +166,8 @@ class PassTest : public ::testing::Test {
   }
   // The built program pointed at the server, with `extra` arguments.
   Lines Cli(const Lines& extra = {}) const {
-    Lines argv = {kProgram, "--connect-to", server_.ConnectTo("lumetry.quorvik.com:443"),
-                  "--cacert", server_.Ca()};
+    Lines argv = {kProgram, "--connect-to", ConnectTo("lumetry.quorvik.com:443"), "--cacert",
+                  srv_.Sub("ca.pem")};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return argv;
   }
@@ -196,7 +175,8 @@ class PassTest : public ::testing::Test {
   ts::ScopedHome home_;
   ts::ScopedTempDir system_;
   const ts::ScopedOverride systemPrefs_{&SetSystemPreferencesDirForTesting, system_.path()};
-  TestServer server_;
+  ts::ScopedTempDir srv_;
+  pid_t pid_ = -1;
   const std::string spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
   const std::string cfg_ =
       home_.Library() + "/Application Support/Quorvik/LogCourier2QX/LogCourier2";
@@ -220,13 +200,13 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
     AddLog("ulog_A_B_K_1_0.rdy");
     // The upload goes out on a fresh connection: on a reused one, a connection
     // dropped with no answer is tried once more on a new connection.
-    server_.Script(Answers(kUpload, answer) + "," + Answers(kPolicy, kClose));
-    const auto before = server_.Requests().size();
+    Script(Answers(kUpload, answer) + "," + Answers(kPolicy, kClose));
+    const auto before = Requests().size();
     Run(0, false, "ca.pem", 2500);
     EXPECT_EQ(!deleted, InSpool("ulog_A_B_K_1_0.rdy")) << answer;
     EXPECT_EQ(deleted ? 0u : 1u, Failures("ulog_A_B_K_1_0.rdy")) << answer;
     // Exactly the three requests of a pass: a redirect is never followed.
-    const auto lines = server_.RequestLines();
+    const auto lines = RequestLines();
     ASSERT_EQ(before + 3, lines.size()) << answer;
     EXPECT_EQ("POST " + kUpload, lines.back()) << answer;
     SetLedger("");
@@ -246,8 +226,7 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   ASSERT_EQ(0, ::symlink("elsewhere.xml", (spool_ + "/ulog_A_B_l_0.xml").c_str()));
   ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
   const PassSummary summary = Run();
-  EXPECT_EQ("ulog_A_B_oldest_0.rdy ulog_A_B_middle_0.xml ulog_A_B_newest_0.xml",
-            server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_oldest_0.rdy ulog_A_B_middle_0.xml ulog_A_B_newest_0.xml", Uploaded());
   EXPECT_EQ(3, summary.sent);
   EXPECT_EQ(1, summary.busy);
   EXPECT_EQ(
@@ -257,13 +236,13 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   writer.Close();  // written: the next pass sends it
   Run();
   EXPECT_FALSE(InSpool("ulog_A_B_busy_0.rdy"));
-  EXPECT_TRUE(Has(server_.Uploaded(), "newest_0.xml ulog_A_B_busy_0.rdy"));
+  EXPECT_TRUE(Has(Uploaded(), "newest_0.xml ulog_A_B_busy_0.rdy"));
 }
 
 TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
   SetConfig("[settings]\nmaxretries=4\n");
   AddLog("ulog_A_B_k_0.rdy");
-  server_.Script(Answers(kUpload, R"({"status": 500})"));
+  Script(Answers(kUpload, R"({"status": 500})"));
   const std::int64_t t = std::time(nullptr);
   // One readable record of the file amid damage, and one of a file that is gone.
   const char damage[] =
@@ -280,7 +259,7 @@ TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
   };
   for (const auto& [at, posts, failures, kept] : steps) {
     Run(at);
-    const Lines lines = server_.RequestLines();
+    const Lines lines = RequestLines();
     EXPECT_EQ(posts, std::count(lines.begin(), lines.end(), "POST " + kUpload)) << at - t;
     EXPECT_EQ(failures, Failures("ulog_A_B_k_0.rdy")) << at - t;
     EXPECT_EQ(kept, InSpool("ulog_A_B_k_0.rdy")) << at - t;
@@ -294,16 +273,16 @@ TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
   const std::int64_t t = std::time(nullptr);
   AddLog("ulog_A_B_first_0.rdy", "1", 300);
   AddLog("ulog_A_B_second_0.rdy", "2", 200);
-  server_.Script(Answers(kUpload, R"({"status": 503, "headers": {"Retry-After": "120"}})"));
+  Script(Answers(kUpload, R"({"status": 503, "headers": {"Retry-After": "120"}})"));
   const PassSummary first = Run(t);  // the second file is not tried after the answer
-  EXPECT_EQ("ulog_A_B_first_0.rdy", server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_first_0.rdy", Uploaded());
   EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
   EXPECT_TRUE(Has(first.stopReason, "retry after")) << first.stopReason;
-  server_.Script("");
+  Script("");
   Run(t + 60);  // still inside the wait: no upload at all
-  EXPECT_EQ("ulog_A_B_first_0.rdy", server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_first_0.rdy", Uploaded());
   Run(t + 125);  // over: both go
-  EXPECT_EQ("ulog_A_B_first_0.rdy ulog_A_B_first_0.rdy ulog_A_B_second_0.rdy", server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_first_0.rdy ulog_A_B_first_0.rdy ulog_A_B_second_0.rdy", Uploaded());
   EXPECT_EQ(".LogCourierAppLock", Spool());
 }
 
@@ -321,7 +300,7 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   EXPECT_TRUE(InSpool("ulog_A_B_2_0.rdy"));
   EXPECT_EQ(1, Run().budgetDeleted);
   EXPECT_EQ(".LogCourierAppLock ulog_A_B_1_0.rdy ulog_A_B_3_0.rdy ulog_A_B_4_0.rdy", Spool());
-  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_TRUE(Requests().empty());
 }
 
 // A pass's requests share one connection; a server that closes it after each answer still
@@ -329,12 +308,12 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
 TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
   for (const bool closing : {false, true}) {
     for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy");
-    server_.Script(closing ? Answers(kConfig, kClose) + "," + Answers(kPolicy, kClose) + "," +
-                                 Answers(kUpload, R"({"status": 200, "close": true})")
-                           : "");
-    const std::size_t before = server_.Requests().size();
+    Script(closing ? Answers(kConfig, kClose) + "," + Answers(kPolicy, kClose) + "," +
+                         Answers(kUpload, R"({"status": 200, "close": true})")
+                   : "");
+    const std::size_t before = Requests().size();
     EXPECT_EQ(4, Run().sent);
-    const auto requests = server_.Requests();
+    const auto requests = Requests();
     std::set<std::string> connections;
     for (auto r = requests.begin() + static_cast<long>(before); r != requests.end(); ++r) {
       connections.insert(r->head.substr(r->head.find("x-test-connection")));
@@ -347,9 +326,9 @@ TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 % 251);
   AddLog("ulog_A_B_big_0.rdy", big);
   SetConfig("[settings]\nmaxdiskspace=100\n");  // room for it in the spool's budget
-  server_.Script("");
+  Script("");
   EXPECT_EQ(1, Run().sent);
-  const std::string body = server_.Requests().back().body;
+  const std::string body = Requests().back().body;
   EXPECT_TRUE(Has(body, big));
   EXPECT_GT(big.size() + 400, body.size());
 }
@@ -381,7 +360,7 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
     const PassSummary summary = Run();
     EXPECT_EQ(0, summary.requests) << off << config;
     EXPECT_FALSE(summary.quietReason.empty()) << off << config;
-    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy") && server_.Requests().empty()) << off << config;
+    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy") && Requests().empty()) << off << config;
     systemPrefs_.Set(system_.path());
   }
 }
@@ -395,7 +374,7 @@ TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
   AddLog("ulog_Old_Item_K_1_0.rdy");
   AddLog("ulog_Other_Thing_K_1_0.rdy");
   EXPECT_EQ(1, Run().paused);
-  EXPECT_EQ("ulog_Old_Item_K_1_0.rdy ulog_Other_Thing_K_1_0.rdy", server_.Uploaded());
+  EXPECT_EQ("ulog_Old_Item_K_1_0.rdy ulog_Other_Thing_K_1_0.rdy", Uploaded());
   EXPECT_TRUE(InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy"));
   ExpectConfig("+status=Active -wakeupdate +lumetryqx_appcrash=x|2999-01-01 -old_item");
 }
@@ -422,12 +401,12 @@ TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
   for (const auto& [answer, config, base] : cases) {
     SetConfig("");
     AddLog("ulog_A_B_k_0.rdy");
-    server_.Script(Answers(kConfig, "{\"body\": " + answer + "}"));
-    const auto before = static_cast<long>(server_.RequestLines().size());
+    Script(Answers(kConfig, "{\"body\": " + answer + "}"));
+    const auto before = static_cast<long>(RequestLines().size());
     EXPECT_TRUE(Run().ran);
     ExpectConfig(config);
     EXPECT_EQ(base.empty(), InSpool("ulog_A_B_k_0.rdy")) << answer;
-    const Lines lines = server_.RequestLines();
+    const Lines lines = RequestLines();
     EXPECT_EQ(base.empty()
                   ? "GET " + kConfig
                   : "GET " + kConfig + " GET " + base + "GetTarvix/ POST " + base + "UploadFile/",
@@ -450,7 +429,7 @@ TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
       {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')},
   };
   for (const auto& [answer, expected] : cases) {
-    server_.Script(Answers(kPolicy, answer));
+    Script(Answers(kPolicy, answer));
     Run();
     EXPECT_TRUE(ts::Contents(path) == expected) << answer << " gave " << ts::Contents(path).size();
     // Written through a temporary file that is renamed: none is left behind.
@@ -468,8 +447,8 @@ TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
   EXPECT_TRUE(Has(summary.quietReason, "not allowed")) << summary.quietReason;
   SetConfig("");
   EXPECT_EQ(1, Run(0, false, "other-ca.pem").requests);  // the handshake fails: no more
-  EXPECT_TRUE(server_.Requests().empty());
-  server_.Stop();  // the server is down: one refused connection ends the pass
+  EXPECT_TRUE(Requests().empty());
+  StopServer();  // the server is down: one refused connection ends the pass
   summary = Run();
   EXPECT_EQ(1, summary.requests);
   EXPECT_TRUE(Has(summary.stopReason, "cannot be reached"));
@@ -486,9 +465,8 @@ TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
   AddLog(name, stored);
   EXPECT_EQ("0||", Outcome(ts::RunProgram(Cli({"crash"}))));  // silent
   EXPECT_FALSE(InSpool(name));
-  const auto requests = server_.Requests();
-  EXPECT_EQ("GET " + kConfig + " GET " + kPolicy + " POST " + kUpload,
-            Join(server_.RequestLines()));
+  const auto requests = Requests();
+  EXPECT_EQ("GET " + kConfig + " GET " + kPolicy + " POST " + kUpload, Join(RequestLines()));
   std::string machineId;  // made by the program in the user's preferences
   ASSERT_TRUE(GetPreferenceString("MachineID", kDomain, &machineId, PrefUser::kCurrentUser,
                                   PrefHost::kCurrentHost));
@@ -526,7 +504,7 @@ TEST_F(PassTest, ProgramSecondInstanceAndDryRunSendNothing) {
        {"LogCourier2: pass started (manual)\n", "would send ulog_A_B_k_0.xml (4 bytes)",
         "LogCourier2: pass done: sent 0,"})
     EXPECT_TRUE(Has(dry.err, line)) << dry.err;
-  EXPECT_TRUE(server_.Requests().empty() && InSpool("ulog_A_B_k_0.xml"));
+  EXPECT_TRUE(Requests().empty() && InSpool("ulog_A_B_k_0.xml"));
   EXPECT_EQ(0, ts::RunProgram(Cli()).status);
   EXPECT_FALSE(InSpool("ulog_A_B_k_0.xml"));
 }
@@ -534,16 +512,16 @@ TEST_F(PassTest, ProgramSecondInstanceAndDryRunSendNothing) {
 TEST_F(PassTest, ProgramKilledWhileWaitingTheNextPassFinishesTheWork) {
   AddLog("ulog_A_B_k_0.xml", "<x/>", 200);
   AddLog("ulog_A_B_l_0.xml", "<y/>", 100);
-  server_.Script(Answers(kUpload, R"({"status": 200, "delay": 5})"));
+  Script(Answers(kUpload, R"({"status": 200, "delay": 5})"));
   const pid_t pid = Spawn(Cli());  // HOME is the test's home, inherited
-  for (int i = 0; i < 200 && server_.Requests().size() < 3; ++i) ::usleep(25000);
-  ASSERT_EQ(3u, server_.Requests().size());  // the first upload is out, its answer not yet
+  for (int i = 0; i < 200 && Requests().size() < 3; ++i) ::usleep(25000);
+  ASSERT_EQ(3u, Requests().size());  // the first upload is out, its answer not yet
   ::kill(pid, SIGKILL);
   ASSERT_EQ(pid, ::waitpid(pid, nullptr, 0));
-  server_.Script("");
+  Script("");
   EXPECT_EQ(0, ts::RunProgram(Cli()).status);  // the lock died with the process
   // Only the file whose answer never arrived went out twice.
-  EXPECT_EQ("ulog_A_B_k_0.xml ulog_A_B_k_0.xml ulog_A_B_l_0.xml", server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_k_0.xml ulog_A_B_k_0.xml ulog_A_B_l_0.xml", Uploaded());
   EXPECT_EQ(".LogCourierAppLock", Spool());
 }
 
@@ -585,7 +563,7 @@ TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
   EXPECT_EQ("Hibernate", doc["status"]);
   EXPECT_EQ(now + 3600, doc["retryAfter"]);
   EXPECT_EQ(1, doc["sessions"]["orphaned"]);
-  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_TRUE(Requests().empty());
   EXPECT_EQ("ulog_A_B_paused_0.rdy ulog_X_Y_busy_0.xml ulog_X_Y_failed_0.rdy", Spool());
   // A pass records its time and summary for the view.
   ASSERT_EQ(0, ts::RunProgram(Cli()).status);
