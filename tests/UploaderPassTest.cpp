@@ -82,7 +82,7 @@ struct Request {
 
 // A temporary home with a spool and a configuration file, and the test server, killed with
 // the fixture. The server makes its certificates: ca.pem signed the one it shows for the
-// maker's hosts, other-ca.pem signed nothing it shows.
+// maker's hosts, other/ca.pem signed nothing it shows.
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -446,7 +446,7 @@ TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
   EXPECT_EQ(0, summary.requests);
   EXPECT_TRUE(Has(summary.quietReason, "not allowed")) << summary.quietReason;
   SetConfig("");
-  EXPECT_EQ(1, Run(0, false, "other-ca.pem").requests);  // the handshake fails: no more
+  EXPECT_EQ(1, Run(0, false, "other/ca.pem").requests);  // the handshake fails: no more
   EXPECT_TRUE(Requests().empty());
   StopServer();  // the server is down: one refused connection ends the pass
   summary = Run();

@@ -2,8 +2,8 @@
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
 Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
-Without --cert it makes DIR/ca.pem (the CA of its certificate for quorvik.com and *.quorvik.com)
-and DIR/other-ca.pem (a CA that signed nothing it shows).
+Without --cert it makes DIR/ca.pem, the CA of its certificate for the maker's hosts, and
+DIR/other/ca.pem, a CA that signed nothing it shows.
 Writes its port to DIR/port; records each request as DIR/requests/NNNN.head ("METHOD PATH",
 then "name: value" lines, names lower-cased, plus "x-test-connection: N") and NNNN.body.
 Keeps connections open. Answers follow DIR/script.json, read per request:
@@ -16,11 +16,11 @@ import argparse
 import email.parser
 import email.policy
 import http.server
+import itertools
 import json
 import os
 import socket
 import ssl
-import subprocess
 import sys
 import threading
 import time
@@ -56,26 +56,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def setup(self):
         super().setup()
-        with self.server.state["lock"]:
-            self.server.state["connections"] += 1
-            self.number = self.server.state["connections"]
+        self.number = next(self.server.state["connections"])  # atomic under the GIL
 
     def _record(self, body):
-        state = self.server.state
-        with state["lock"]:
-            state["count"] += 1
-            number = state["count"]
-        base = os.path.join(state["dir"], "requests", "%04d" % number)
-        with open(base + ".body.tmp", "wb") as f:
-            f.write(body)
-        os.rename(base + ".body.tmp", base + ".body")
-        head = "%s %s\n" % (self.command, self.path)
-        for name, value in self.headers.items():
-            head += "%s: %s\n" % (name.lower(), value)
-        head += "x-test-connection: %d\n" % self.number
-        with open(base + ".head.tmp", "w", encoding="utf-8", errors="surrogateescape") as f:
-            f.write(head)
-        os.rename(base + ".head.tmp", base + ".head")
+        base = os.path.join(self.server.state["dir"], "requests",
+                            "%04d" % next(self.server.state["count"]))
+        head = "%s %s\n" % (self.command, self.path) + "".join(
+            "%s: %s\n" % (name.lower(), value) for name, value in self.headers.items())
+        head = (head + "x-test-connection: %d\n" % self.number).encode("utf-8", "surrogateescape")
+        for suffix, data in ((".body", body), (".head", head)):  # the head last: all is there
+            with open(base + suffix + ".tmp", "wb") as f:
+                f.write(data)
+            os.rename(base + suffix + ".tmp", base + suffix)
 
     def _answer_for(self):
         state = self.server.state
@@ -102,14 +94,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self._record(body)
         answer = self._answer_for()
         time.sleep(float(answer.get("delay", 0)))
-        action = answer.get("action")
-        if action == "close":
+        if answer.get("action"):
             self.close_connection = True
-            self.connection.shutdown(socket.SHUT_RDWR)
-            return
-        if action == "garbage":
-            self.wfile.write(b"this is not an answer\r\n\r\n")
-            self.close_connection = True
+            if answer["action"] == "garbage":
+                self.wfile.write(b"this is not an answer\r\n\r\n")
+            else:
+                self.connection.shutdown(socket.SHUT_RDWR)
             return
         status = int(answer.get("status", 200))
         if self.server.state["print"]:
@@ -154,22 +144,6 @@ class Server(http.server.ThreadingHTTPServer):
             super().finish_request(tls, client_address)
 
 
-def make_certificates(d):
-    """Writes d/ca.pem, d/other-ca.pem and a server certificate; returns (cert, key)."""
-    run = lambda *a: subprocess.run(["openssl", *a], check=True, capture_output=True)
-    req = ["req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout"]
-    ca = ["-days", "3", "-addext", "basicConstraints=critical,CA:TRUE", "-addext",
-          "keyUsage=critical,keyCertSign", "-x509", "-out"]
-    for name in ("ca", "other-ca"):
-        run(*req, f"{d}/{name}.key", *ca, f"{d}/{name}.pem", "-subj", "/CN=" + name)
-    run(*req, f"{d}/server.key", "-out", f"{d}/server.csr", "-subj", "/CN=lumetry.quorvik.com")
-    with open(f"{d}/server.ext", "w") as f:
-        f.write("subjectAltName=DNS:quorvik.com,DNS:*.quorvik.com\nextendedKeyUsage=serverAuth\n")
-    run("x509", "-req", "-in", f"{d}/server.csr", "-CA", f"{d}/ca.pem", "-CAkey", f"{d}/ca.key",
-        "-CAcreateserial", "-days", "3", "-out", f"{d}/server.pem", "-extfile", f"{d}/server.ext")
-    return f"{d}/server.pem", f"{d}/server.key"
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--cert")
@@ -180,9 +154,17 @@ def main():
     args = parser.parse_args()
     os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(*((args.cert, args.key) if args.cert else make_certificates(args.dir)))
-    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0,
-             "print": args.print}
+    if not args.cert:  # the benchmark's certificates, and a CA that signed nothing shown here
+        sys.dont_write_bytecode = True  # nothing written into the source tree
+        sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "bench", "courier"))
+        from courier import make_certificates
+        os.makedirs(os.path.join(args.dir, "other"))
+        make_certificates(os.path.join(args.dir, "other"))
+        make_certificates(args.dir)
+        args.cert, args.key = [os.path.join(args.dir, "server." + x) for x in ("pem", "key")]
+    context.load_cert_chain(args.cert, args.key)
+    state = {"dir": args.dir, "lock": threading.Lock(), "count": itertools.count(1), "used": {},
+             "connections": itertools.count(1), "print": args.print}
     server = Server(("127.0.0.1", 0), context, state)
     port_file = os.path.join(args.dir, "port")
     with open(port_file + ".tmp", "w") as f:
