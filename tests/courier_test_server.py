@@ -2,15 +2,13 @@
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
 Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
-Without --cert it makes DIR/ca.pem, the CA of its certificate for the maker's hosts, and
-DIR/other/ca.pem, a CA that signed nothing it shows.
-Writes its port to DIR/port; records each request as DIR/requests/NNNN.head ("METHOD PATH",
-then "name: value" lines, names lower-cased, plus "x-test-connection: N") and NNNN.body.
-Keeps connections open. Answers follow DIR/script.json, read per request:
-{"<path>": [answer, ...]}, used in turn, the last repeating; an answer has "status",
-"body", "body_size" (that many "x"), "headers", "delay" (s), "close": true, and
-"action": "close" (drop without answer) or "garbage". Unscripted: GET 204, POST 200.
---print shows each request and each upload decoded (ROT47 after the scramble marker).
+Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows.
+Writes DIR/port; records requests as DIR/requests/NNNN.head ("METHOD PATH", "name: value"
+lines, names lower-cased, "x-test-connection: N") and NNNN.body. Keeps connections open.
+Answers follow DIR/script.json, read per request: {"<path>": [answer, ...]}, in turn, the
+last repeating; an answer has "status", "body", "body_size" (that many "x"), "headers",
+"delay" (s), "close": true, "action": "close" (no answer) or "garbage". Unscripted: GET 204,
+POST 200. --print shows each request and upload decoded (ROT47 after the scramble marker).
 """
 import argparse
 import email.parser
