@@ -123,12 +123,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 
 class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-    def __init__(self, address, context, state):
-        super().__init__(address, Handler)
-        self.context = context
-        self.state = state
+    daemon_threads = True  # its `context` and `state` are set by main
 
     def finish_request(self, request, client_address):
         # The TLS handshake runs in the request's own thread, with a time
@@ -144,8 +139,8 @@ class Server(http.server.ThreadingHTTPServer):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--cert")
-    parser.add_argument("--key")
+    for flag in ("--cert", "--key"):
+        parser.add_argument(flag)
     parser.add_argument("--dir", required=True)
     parser.add_argument("--lifetime", type=float, default=120)
     parser.add_argument("--print", action="store_true")
@@ -156,14 +151,15 @@ def main():
         sys.dont_write_bytecode = True  # nothing written into the source tree
         sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "bench", "courier"))
         from courier import make_certificates
-        os.makedirs(os.path.join(args.dir, "other"))
-        make_certificates(os.path.join(args.dir, "other"))
-        make_certificates(args.dir)
+        for where in (os.path.join(args.dir, "other"), args.dir):
+            os.makedirs(where, exist_ok=True)
+            make_certificates(where)
         args.cert, args.key = [os.path.join(args.dir, "server." + x) for x in ("pem", "key")]
     context.load_cert_chain(args.cert, args.key)
-    state = {"dir": args.dir, "lock": threading.Lock(), "count": itertools.count(1), "used": {},
-             "connections": itertools.count(1), "print": args.print}
-    server = Server(("127.0.0.1", 0), context, state)
+    server = Server(("127.0.0.1", 0), Handler)
+    server.context, server.state = context, {
+        "dir": args.dir, "lock": threading.Lock(), "count": itertools.count(1), "used": {},
+        "connections": itertools.count(1), "print": args.print}
     port_file = os.path.join(args.dir, "port")
     with open(port_file + ".tmp", "w") as f:
         f.write(str(server.server_address[1]))
