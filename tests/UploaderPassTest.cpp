@@ -1,65 +1,216 @@
-// Passes of the uploader library against a real HTTPS server on a loopback
-// port: upload answers, order, retries, Retry-After, the disk budget, the
-// privacy and status gates, configuration and policy answers, address checks.
+// The uploader: passes against a real HTTPS server (courier_test_server.py) on a loopback
+// port, of the library (with a fixed clock when asked) and of the built LogCourier2 driven as
+// the launcher and the service units do; then its pieces on their own.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <functional>
-#include <set>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
-#include "CourierPassFixture.h"
+#include "AttemptLedger.h"
+#include "CurlTransport.h"
 #include "ExclusiveFile.h"
 #include "Mac/LogCourUtilsMac.h"
+#include "Pass.h"
+#include "Preferences.h"
+#include "Reporter.h"
+#include "RetryAfter.h"
+#include "ServerAddress.h"
+#include "SpoolScan.h"
+#include "TestSupport.h"
 #include "UploaderConfig.h"
+#include "Uploads.h"
+
+extern char** environ;
 
 namespace {
 
-using namespace courier_test;
+namespace ts = testing_support;
+using namespace Courier;
+using Lines = std::vector<std::string>;
 
-std::string HttpDate(std::int64_t when) {
-  const time_t t = static_cast<time_t>(when);
-  struct tm parts;
-  gmtime_r(&t, &parts);
-  char buffer[64];
-  return std::string(buffer, strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &parts));
+const std::string kProgram = COURIER_PROGRAM;
+const std::string kDomain = "com.quorvik.lumetryqx";
+const std::string kUpload = "/lumetry/UploadFile/";
+const std::string kConfig = "/lumetry/GetConfig/";
+const std::string kPolicy = "/lumetry/GetTarvix/";
+const std::string kClose = R"({"status": 204, "close": true})";
+const std::string kPass =
+    "GET /lumetry/GetConfig/ GET /lumetry/GetTarvix/ POST /lumetry/UploadFile/";
+const std::string kDefaults =
+    "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
+    "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n";
+
+std::string Answers(const std::string& path, const std::string& answers) {
+  return "\"" + path + "\": [" + answers + "]";
+}
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+std::string Join(const Lines& lines) {  // "a b c"
+  std::string all;
+  for (const auto& line : lines) all += (all.empty() ? "" : " ") + line;
+  return all;
+}
+std::string Outcome(const ts::RunResult& run) {  // "status|out|err"
+  return std::to_string(run.status) + "|" + run.out + "|" + run.err;
+}
+pid_t Spawn(Lines args) {
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
 }
 
+struct Request {
+  std::string head;  // "METHOD PATH", then "name: value" lines, names lower-cased
+  std::string body;
+};
+
+// A temporary home with a spool and a configuration file, and the test server, killed with
+// the fixture. The server makes its certificates: ca.pem signed the one it shows for the
+// maker's hosts, other/ca.pem signed nothing it shows.
+class PassTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pid_ = Spawn({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", srv_.path()});
+    for (int i = 0; i < 300 && !ts::PathExists(srv_.Sub("port")); ++i) ::usleep(50000);
+    ASSERT_TRUE(ts::PathExists(srv_.Sub("port")));
+    ASSERT_TRUE(ts::MakeDirs(spool_));
+    SetConfig("");
+  }
+  void TearDown() override { StopServer(); }
+  void StopServer() {  // each request is on disk before it is answered: nothing is lost
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  // A "--connect-to" value that brings requests meant for `from` (":" for any) here.
+  std::string ConnectTo(const std::string& from = ":") const {
+    return from + ":127.0.0.1:" + ts::Contents(srv_.Sub("port"));
+  }
+  void Script(const std::string& body) const {
+    ASSERT_TRUE(ts::WriteFile(srv_.Sub("s.tmp"), "{" + body + "}"));
+    ASSERT_EQ(0, std::rename(srv_.Sub("s.tmp").c_str(), srv_.Sub("script.json").c_str()));
+  }
+  std::vector<Request> Requests() const {
+    std::vector<Request> all;
+    for (const std::string& name : ts::ListNames(srv_.Sub("requests"))) {
+      const std::string base = srv_.Sub("requests/" + name.substr(0, name.find('.')));
+      Request r;
+      if (Has(name, ".head") && ts::ReadFile(base + ".head", &r.head) &&
+          ts::ReadFile(base + ".body", &r.body)) {
+        all.push_back(std::move(r));
+      }
+    }
+    return all;
+  }
+  Lines RequestLines() const {
+    Lines lines;
+    for (const Request& r : Requests()) lines.push_back(r.head.substr(0, r.head.find('\n')));
+    return lines;
+  }
+  std::string NewRequests() {  // "METHOD PATH ..." of the requests since the last call
+    const Lines lines = RequestLines();
+    const auto seen = std::exchange(seen_, lines.size());
+    return Join(Lines(lines.begin() + static_cast<long>(seen), lines.end()));
+  }
+  std::string Uploaded() const {  // the "filename" of each upload, in order
+    Lines names;
+    for (const Request& r : Requests()) {
+      const auto at = r.body.find("filename=\"") + 10;
+      if (Has(r.body, "filename=\"")) names.push_back(r.body.substr(at, r.body.find('"', at) - at));
+    }
+    return Join(names);
+  }
+  void SetConfig(const std::string& extra) {
+    ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg", kDefaults + extra));
+  }
+  void SetLedger(const std::string& text) { ASSERT_TRUE(ts::WriteFile(cfg_ + ".attempts", text)); }
+  // A usage log `age` seconds old (by modification time).
+  std::string AddLog(const std::string& name, const std::string& bytes = "x", long age = 600) {
+    EXPECT_TRUE(ts::WriteFile(spool_ + "/" + name, bytes) && ts::AgeFile(spool_ + "/" + name, age));
+    return spool_ + "/" + name;
+  }
+  bool InSpool(const std::string& name) const { return ts::PathExists(spool_ + "/" + name); }
+  std::string Spool() const { return Join(ts::ListNames(spool_)); }
+  // Whether the saved configuration has each "+line" and lacks each "-line" of `lines`.
+  void ExpectConfig(const std::string& lines) const {
+    const std::string config = ts::Contents(cfg_ + ".cfg");
+    std::istringstream words(lines);
+    for (std::string w; words >> w;) EXPECT_EQ(w[0] == '+', Has(config, w.substr(1))) << w;
+  }
+  PassSummary Run(std::int64_t now = 0, bool dryRun = false, const char* ca = "ca.pem",
+                  long totalMs = 20000) {
+    TransportSettings net{"LogCourier2/test (Linux)", "TEST-MACHINE", ConnectTo(), srv_.Sub(ca)};
+    net.connectTimeoutMs = 5000;
+    net.totalTimeoutMs = totalMs;
+    std::function<std::int64_t()> clock;
+    if (now != 0) clock = [now] { return now; };
+    Reporter report(false, nullptr);
+    return RunPass({dryRun, "", clock, [net] { return MakeCurlTransport(net); }}, report);
+  }
+  std::uint32_t Failures(const std::string& name) const {  // 0 when it has no record
+    const auto* attempts = AttemptLedger::Load(cfg_ + ".attempts").Find(name);
+    return attempts == nullptr ? 0 : attempts->failures;
+  }
+  // The built program pointed at the server, with `extra` arguments.
+  Lines Cli(const Lines& extra = {}) const {
+    Lines argv = {kProgram, "--connect-to", ConnectTo("lumetry.quorvik.com:443"), "--cacert",
+                  srv_.Sub("ca.pem")};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+  }
+
+  ts::ScopedHome home_;
+  ts::ScopedTempDir system_;
+  const ts::ScopedOverride systemPrefs_{&SetSystemPreferencesDirForTesting, system_.path()};
+  ts::ScopedTempDir srv_;
+  pid_t pid_ = -1;
+  std::size_t seen_ = 0;
+  const std::string spool_ = home_.Library() + "/Logs/Quorvik/LogCourier2QX";
+  const std::string cfg_ =
+      home_.Library() + "/Application Support/Quorvik/LogCourier2QX/LogCourier2";
+};
+
 TEST_F(PassTest, ServerAnswerDecidesTheFile) {
-  // The answer, and whether the file is gone; a kept file counts one failure.
+  // The answer, and whether the file is gone; a kept file counts one failure. A huge body
+  // is not read; a dropped connection, an answer that is not HTTP, or none in time keep it.
   const std::vector<std::pair<std::string, bool>> cases = {
       {R"({"status": 200})", true},
-      {R"({"status": 200, "body_size": 20000000})", true},  // a huge body is not read
+      {R"({"status": 200, "body_size": 20000000})", true},
       {R"({"status": 500})", false},
       {R"({"status": 408})", false},
       {R"({"status": 429})", false},
       {R"({"status": 302, "headers": {"Location": "/lumetry/Elsewhere/"}})", false},
       {R"({"status": 400})", true},
-      {R"({"action": "close"})", false},          // connection dropped after the request
-      {R"({"action": "garbage"})", false},        // an answer that is not HTTP
-      {R"({"status": 200, "delay": 6})", false},  // no answer within the time limit
-  };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    const auto& [answer, deleted] = cases[i];
-    const std::string name = "ulog_LumetryQX_AppCrash_K_" + std::to_string(i) + "_0.rdy";
-    AddLog(name, "payload " + std::to_string(i));
+      {R"({"action": "close"})", false},
+      {R"({"action": "garbage"})", false},
+      {R"({"status": 200, "delay": 6})", false}};
+  for (const auto& [answer, deleted] : cases) {
+    AddLog("ulog_A_B_K_1_0.rdy");
     // The upload goes out on a fresh connection: on a reused one, a connection
     // dropped with no answer is tried once more on a new connection.
-    Script(Answers(kUpload, answer) + "," + Answers(kPolicy, R"({"status": 204, "close": true})"));
-    const auto before = server_.Requests().size();
-    Run(0, false, "", 2500);
-    EXPECT_EQ(!deleted, InSpool(name)) << answer;
-    EXPECT_EQ(deleted ? 0u : 1u, Failures(name)) << answer;
-    // Exactly the three requests of a pass: a redirect is never followed.
-    const auto lines = server_.RequestLines();
-    ASSERT_EQ(before + 3, lines.size()) << answer;
-    EXPECT_EQ("POST " + kUpload, lines.back()) << answer;
-    ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ""));
-    ::unlink((spool_ + "/" + name).c_str());
+    Script(Answers(kUpload, answer) + "," + Answers(kPolicy, kClose));
+    Run(0, false, "ca.pem", 2500);
+    EXPECT_EQ(!deleted, InSpool("ulog_A_B_K_1_0.rdy")) << answer;
+    EXPECT_EQ(deleted ? 0u : 1u, Failures("ulog_A_B_K_1_0.rdy")) << answer;
+    EXPECT_EQ(kPass, NewRequests()) << answer;  // a redirect is never followed
+    SetLedger("");
   }
 }
 
@@ -67,139 +218,109 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   AddLog("ulog_A_B_middle_0.xml", "2", 200);
   AddLog("ulog_A_B_newest_0.xml", "3", 100);
   AddLog("ulog_A_B_oldest_0.rdy", "1", 300);
-  const std::string busy = AddLog("ulog_A_B_busy_0.rdy", "writing", 400);
-  ExclusiveFile writer = ExclusiveFile::OpenExclusive(busy);  // as a crash processor holds it
-  ASSERT_TRUE(writer.IsOpen());
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_busy_0.rdy", "w", 400));
+  ASSERT_TRUE(writer.IsOpen());  // as a crash processor holds it
   // Not usage logs, or not regular files: never sent, never deleted.
   ASSERT_TRUE(ts::MakeDirs(spool_ + "/ulog_A_B_dir_0.rdy"));
-  AddLog("elsewhere.xml", "target", 500);
-  ASSERT_EQ(0,
-            ::symlink((spool_ + "/elsewhere.xml").c_str(), (spool_ + "/ulog_A_B_l_0.xml").c_str()));
+  AddLog("elsewhere.xml");
+  AddLog("ulog_A_B_c.txt");
+  ASSERT_EQ(0, ::symlink("elsewhere.xml", (spool_ + "/ulog_A_B_l_0.xml").c_str()));
   ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
-  AddLog("ulog_A_B_c.txt", "other", 500);
-
   const PassSummary summary = Run();
-  EXPECT_EQ((std::vector<std::string>{"ulog_A_B_oldest_0.rdy", "ulog_A_B_middle_0.xml",
-                                      "ulog_A_B_newest_0.xml"}),
-            server_.Uploaded());
+  EXPECT_EQ("ulog_A_B_oldest_0.rdy ulog_A_B_middle_0.xml ulog_A_B_newest_0.xml", Uploaded());
   EXPECT_EQ(3, summary.sent);
   EXPECT_EQ(1, summary.busy);
-  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "elsewhere.xml", "ulog_A_B_busy_0.rdy",
-                                      "ulog_A_B_c.txt", "ulog_A_B_dir_0.rdy", "ulog_A_B_fifo_0.xml",
-                                      "ulog_A_B_l_0.xml"}),
-            ts::ListNames(spool_));
+  EXPECT_EQ(
+      ".LogCourierAppLock elsewhere.xml ulog_A_B_busy_0.rdy ulog_A_B_c.txt "
+      "ulog_A_B_dir_0.rdy ulog_A_B_fifo_0.xml ulog_A_B_l_0.xml",
+      Spool());
   writer.Close();  // written: the next pass sends it
   Run();
   EXPECT_FALSE(InSpool("ulog_A_B_busy_0.rdy"));
-  EXPECT_EQ("ulog_A_B_busy_0.rdy", server_.Uploaded().back());
+  EXPECT_TRUE(Has(Uploaded(), "newest_0.xml ulog_A_B_busy_0.rdy"));
 }
 
 TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
   SetConfig("[settings]\nmaxretries=4\n");
-  const std::string name = "ulog_A_B_k_0.rdy";
-  AddLog(name, "x");
+  AddLog("ulog_A_B_k_0.rdy");
   Script(Answers(kUpload, R"({"status": 500})"));
   const std::int64_t t = std::time(nullptr);
   // One readable record of the file amid damage, and one of a file that is gone.
-  std::string ledger = "1 " + std::to_string(t - 700) + " " + name + "\n";
-  ledger += "9 1 ulog_gone_x_0.rdy\nnotbefore -5\n\xff\xfe garbage\x01line\n";
-  const char withNul[] = "1 2 ulog_nul\0_0.rdy\n99999999999999999999 1 ulog_A_B_k_0.rdy\n";
-  ledger.append(withNul, sizeof withNul - 1);
-  ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ledger));
-  struct Step {
-    std::int64_t at;
-    std::size_t posts;  // uploads made so far
-    std::uint32_t failures;
-    bool kept;
-  };
-  const std::vector<Step> steps = {
+  const char damage[] =
+      "9 1 ulog_gone_x_0.rdy\nnotbefore -5\n\xff\xfe garbage\x01line\n"
+      "1 2 ulog_nul\0_0.rdy\n99999999999999999999 1 ulog_A_B_k_0.rdy\n";
+  SetLedger("1 " + std::to_string(t - 700) + " ulog_A_B_k_0.rdy\n" +
+            std::string(damage, sizeof damage - 1));
+  // When the pass runs; then uploads made so far, failures counted, the file kept.
+  const std::vector<std::tuple<std::int64_t, std::ptrdiff_t, std::uint32_t, bool>> steps = {
       {t, 1, 2, true},          // the old failure is ten minutes past: tried again
       {t + 599, 1, 2, true},    // ten minutes not over: not tried
       {t + 600, 2, 3, true},    // third failure
       {t + 1300, 3, 0, false},  // fourth failure: given up, deleted, forgotten
   };
-  for (const Step& step : steps) {
-    Run(step.at);
-    EXPECT_EQ(step.posts, server_.Uploaded().size()) << step.at - t;
-    EXPECT_EQ(step.failures, Failures(name)) << step.at - t;
-    EXPECT_EQ(step.kept, InSpool(name)) << step.at - t;
-    const std::string saved = ts::Contents(configDir_ + "/LogCourier2.attempts");
-    EXPECT_EQ(std::string::npos, saved.find("gone")) << saved;
+  for (const auto& [at, posts, failures, kept] : steps) {
+    Run(at);
+    const Lines lines = RequestLines();
+    EXPECT_EQ(posts, std::count(lines.begin(), lines.end(), "POST " + kUpload)) << at - t;
+    EXPECT_EQ(failures, Failures("ulog_A_B_k_0.rdy")) << at - t;
+    EXPECT_EQ(kept, InSpool("ulog_A_B_k_0.rdy")) << at - t;
+    EXPECT_FALSE(Has(ts::Contents(cfg_ + ".attempts"), "gone"));
   }
 }
 
 TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
+  // Its forms (seconds, dates) are read in RetryAfterTest.
   SetConfig("[settings]\nretryinterval=1\n");
   const std::int64_t t = std::time(nullptr);
-  const std::vector<std::pair<int, std::string>> cases = {{503, "120"}, {429, HttpDate(t + 120)}};
-  for (const auto& [status, value] : cases) {
-    AddLog("ulog_A_B_first_0.rdy", "1", 300);
-    AddLog("ulog_A_B_second_0.rdy", "2", 200);
-    Script(Answers(kUpload, "{\"status\": " + std::to_string(status) +
-                                ", \"headers\": {\"Retry-After\": \"" + value +
-                                "\"}}, {\"status\": 200}"));
-    const auto posts = server_.Uploaded().size();
-    const PassSummary first = Run(t);  // the second file is not tried after the answer
-    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
-    EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
-    EXPECT_NE(std::string::npos, first.stopReason.find("retry after")) << first.stopReason;
-    Run(t + 60);  // still inside the wait: no upload at all
-    EXPECT_EQ(posts + 1, server_.Uploaded().size()) << value;
-    Run(t + 125);  // over: both go
-    EXPECT_EQ(posts + 3, server_.Uploaded().size()) << value;
-    EXPECT_EQ(std::vector<std::string>{".LogCourierAppLock"}, ts::ListNames(spool_));
-    ASSERT_TRUE(ts::WriteFile(configDir_ + "/LogCourier2.attempts", ""));
-  }
+  AddLog("ulog_A_B_first_0.rdy", "1", 300);
+  AddLog("ulog_A_B_second_0.rdy", "2", 200);
+  Script(Answers(kUpload, R"({"status": 503, "headers": {"Retry-After": "120"}})"));
+  const PassSummary first = Run(t);  // the second file is not tried after the answer
+  EXPECT_EQ("ulog_A_B_first_0.rdy", Uploaded());
+  EXPECT_EQ(1u, Failures("ulog_A_B_first_0.rdy"));
+  EXPECT_TRUE(Has(first.stopReason, "retry after")) << first.stopReason;
+  Script("");
+  Run(t + 60);  // still inside the wait: no upload at all
+  EXPECT_EQ("ulog_A_B_first_0.rdy", Uploaded());
+  Run(t + 125);  // over: both go
+  EXPECT_EQ("ulog_A_B_first_0.rdy ulog_A_B_first_0.rdy ulog_A_B_second_0.rdy", Uploaded());
+  EXPECT_EQ(".LogCourierAppLock", Spool());
 }
 
 TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   SetConfig("[settings]\nmaxdiskspace=5\n");
   ASSERT_TRUE(SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser,
                                   PrefHost::kCurrentHost));  // budget only, no network
-  const std::string mib2(std::size_t{2} * 1024 * 1024, 'b');
-  const std::string locked = AddLog("ulog_A_B_1_0.rdy", mib2, 500);
+  const std::string mib2(std::size_t{2} << 20, 'b');
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_1_0.rdy", mib2, 500));
+  ASSERT_TRUE(writer.IsOpen());
   AddLog("ulog_A_B_2_0.rdy", mib2, 400);
   AddLog("ulog_A_B_3_0.rdy", mib2, 300);
   AddLog("ulog_A_B_4_0.rdy", "small", 200);
-  ExclusiveFile writer = ExclusiveFile::OpenExclusive(locked);
-  ASSERT_TRUE(writer.IsOpen());
-  const PassSummary dry = Run(0, true);  // a dry run deletes nothing
-  EXPECT_EQ(1, dry.budgetDeleted);
+  EXPECT_EQ(1, Run(0, true).budgetDeleted);  // a dry run deletes nothing
   EXPECT_TRUE(InSpool("ulog_A_B_2_0.rdy"));
-  const PassSummary summary = Run();
-  EXPECT_EQ(1, summary.budgetDeleted);
-  EXPECT_EQ((std::vector<std::string>{".LogCourierAppLock", "ulog_A_B_1_0.rdy", "ulog_A_B_3_0.rdy",
-                                      "ulog_A_B_4_0.rdy"}),
-            ts::ListNames(spool_));
-  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_EQ(1, Run().budgetDeleted);
+  EXPECT_EQ(".LogCourierAppLock ulog_A_B_1_0.rdy ulog_A_B_3_0.rdy ulog_A_B_4_0.rdy", Spool());
+  EXPECT_TRUE(Requests().empty());
 }
 
-// The connections that carried the requests from `first` on.
-std::set<std::string> Connections(const std::vector<ts::RecordedRequest>& requests,
-                                  std::size_t first) {
-  std::set<std::string> seen;
-  for (std::size_t i = first; i < requests.size(); ++i) {
-    seen.insert(requests[i].headers.at("x-test-connection"));
-  }
-  return seen;
-}
-
-// A pass's requests share one connection; a server that closes it after
-// each answer still receives every file with no attempt counted; a file of
-// 20 MiB is streamed and arrives byte for byte.
+// A pass's requests share one connection; a server that closes it after each answer still
+// receives every file with no attempt counted; a file of 20 MiB is streamed whole.
 TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
-  const std::string close = R"({"status": 204, "close": true})";
   for (const bool closing : {false, true}) {
-    SCOPED_TRACE(closing ? "server closes after each answer" : "kept open");
-    for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy", "log");
-    Script(closing ? Answers(kConfig, close) + "," + Answers(kPolicy, close) + "," +
+    for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy");
+    Script(closing ? Answers(kConfig, kClose) + "," + Answers(kPolicy, kClose) + "," +
                          Answers(kUpload, R"({"status": 200, "close": true})")
                    : "");
-    const std::size_t before = server_.Requests().size();
+    const std::size_t before = Requests().size();
     EXPECT_EQ(4, Run().sent);
-    const auto requests = server_.Requests();
-    EXPECT_EQ(before + 6, requests.size());
-    EXPECT_EQ(closing ? 6u : 1u, Connections(requests, before).size());
+    const auto requests = Requests();
+    ASSERT_EQ(before + 6, requests.size());
+    // The server numbers its connections in turn.
+    const auto connection = [](const Request& r) { return r.head.substr(r.head.rfind(' ')); };
+    EXPECT_EQ(closing ? 5 : 0,
+              std::stoi(connection(requests.back())) - std::stoi(connection(requests[before])))
+        << closing;
     EXPECT_EQ(0u, Failures("ulog_A_B_0_0.rdy"));
   }
   std::string big(20 << 20, '\0');
@@ -208,47 +329,37 @@ TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
   SetConfig("[settings]\nmaxdiskspace=100\n");  // room for it in the spool's budget
   Script("");
   EXPECT_EQ(1, Run().sent);
-  const std::string body = server_.Requests().back().body;
-  EXPECT_NE(std::string::npos, body.find(big));
+  const std::string body = Requests().back().body;
+  EXPECT_TRUE(Has(body, big));
   EXPECT_GT(big.size() + 400, body.size());
 }
 
 TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
-  struct Case {
-    std::string what;
-    std::string config;
-    std::function<bool()> set;
-  };
   const auto user = PrefUser::kCurrentUser;
   const auto here = PrefHost::kCurrentHost;
-  const std::vector<Case> cases = {
-      {"send 0", "", [&] { return SetPreferenceNumber("send", kDomain, 0, user, here); }},
-      {"optin 0", "",
-       [&] {
-         return SetPreferenceString("PersonGUID", kDomain, "P-7", user, here) &&
-                SetPreferenceDictionaryNumber("P-7", "optin", kDomain, 0, user, here);
-       }},
-      {"Enabled 0", "",
-       [&] {
-         return SetPreferenceNumber("Enabled", "com.quorvik.lumetry.apipqx", 0, PrefUser::kAnyUser,
-                                    here);
-       }},
-      {"Kill", "[ulog]\nstatus=Kill\n", [] { return true; }},
-      {"Hibernate until tomorrow", "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n",
-       [] { return true; }},
-  };
-  AddLog("ulog_A_B_k_0.rdy", "x");
-  for (const Case& c : cases) {
+  // The configuration, and the preference switched off ("" for none).
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", "send"},
+      {"", "optin"},
+      {"", "Enabled"},
+      {"[ulog]\nstatus=Kill\n", ""},
+      {"[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n", ""}};
+  AddLog("ulog_A_B_k_0.rdy");
+  for (const auto& [config, off] : cases) {
     ts::ScopedTempDir system;  // a fresh any-user store per case
     systemPrefs_.Set(system.path());
     ::unlink(PreferenceFilePath(kDomain, user, here).c_str());  // the user's switches back on
-    SetConfig(c.config);
-    ASSERT_TRUE(c.set()) << c.what;
+    SetConfig(config);
+    ASSERT_TRUE(SetPreferenceString("PersonGUID", kDomain, "P-7", user, here));
+    if (off == "optin") {
+      ASSERT_TRUE(SetPreferenceDictionaryNumber("P-7", "optin", kDomain, 0, user, here));
+    } else if (!off.empty()) {
+      ASSERT_TRUE(SetPreferenceNumber(off, off == "send" ? kDomain : "com.quorvik.lumetry.apipqx",
+                                      0, off == "send" ? user : PrefUser::kAnyUser, here));
+    }
     const PassSummary summary = Run();
-    EXPECT_EQ(0, summary.requests) << c.what;
-    EXPECT_FALSE(summary.quietReason.empty()) << c.what;
-    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy")) << c.what;
-    EXPECT_TRUE(server_.Requests().empty()) << c.what;
+    EXPECT_TRUE(summary.requests == 0 && !summary.quietReason.empty()) << off << config;
+    EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy") && Requests().empty()) << off << config;
     systemPrefs_.Set(system_.path());
   }
 }
@@ -258,98 +369,64 @@ TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
   SetConfig(
       "[ulog]\nstatus=Hibernate\nwakeupdate=2001-01-01\n"
       "[hibernate]\nlumetryqx_appcrash=x|2999-01-01\nold_item=x|2001-01-01\n");
-  AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy", "paused item");
-  AddLog("ulog_Old_Item_K_1_0.rdy", "pause over");
-  AddLog("ulog_Other_Thing_K_1_0.rdy", "never paused");
-  const PassSummary summary = Run();
-  EXPECT_EQ(1, summary.paused);
-  EXPECT_EQ((std::vector<std::string>{"ulog_Old_Item_K_1_0.rdy", "ulog_Other_Thing_K_1_0.rdy"}),
-            server_.Uploaded());
+  AddLog("ulog_LumetryQX_AppCrash_K_1_0.rdy");
+  AddLog("ulog_Old_Item_K_1_0.rdy");
+  AddLog("ulog_Other_Thing_K_1_0.rdy");
+  EXPECT_EQ(1, Run().paused);
+  EXPECT_EQ("ulog_Old_Item_K_1_0.rdy ulog_Other_Thing_K_1_0.rdy", Uploaded());
   EXPECT_TRUE(InSpool("ulog_LumetryQX_AppCrash_K_1_0.rdy"));
-  const std::string config = Config();
-  EXPECT_NE(std::string::npos, config.find("status=Active")) << config;
-  EXPECT_EQ(std::string::npos, config.find("wakeupdate")) << config;
-  EXPECT_EQ(std::string::npos, config.find("old_item")) << config;
-  EXPECT_NE(std::string::npos, config.find("lumetryqx_appcrash=x|2999-01-01")) << config;
+  ExpectConfig("+status=Active -wakeupdate +lumetryqx_appcrash=x|2999-01-01 -old_item");
 }
 
 TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
-  struct Case {
-    std::string answer;
-    std::vector<std::string> present;  // lines expected in the saved file
-    std::vector<std::string> absent;
-    std::string base;  // where the pass goes on; "" for no request after the answer
-  };
   const std::string big = "[settings]\\nmaxretries=4\\n#" + std::string(70000, 'p');
-  const std::string on = "/lumetry/";
-  const std::vector<Case> cases = {
-      {R"({"status": 200, "body": "[settings]\noperation=Merge\nmaxretries=4\n"})",
-       {"maxretries=4", "maxdiskspace=10", "operation=Merge"},
-       {"maxretries=3"},
-       on},
-      {R"({"status": 200, "body": "[settings]\nurl=https://lumetry.quorvik.com/lumetry\n"})",
-       {"url=https://lumetry.quorvik.com/lumetry"},
-       {"maxdiskspace", "maxretries"},
-       on},
+  // The answer, lines expected ("+") and not ("-") in the saved file, and the requests after
+  // it ("" for none).
+  const std::string kOn = " GET " + kPolicy + " POST " + kUpload;
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {R"("[settings]\noperation=Merge\nmaxretries=4\n")",
+       "+maxretries=4 +maxdiskspace=10 +operation=Merge -maxretries=3", kOn},
+      {R"("[settings]\nurl=https://lumetry.quorvik.com/lumetry\n")",
+       "+url=https://lumetry.quorvik.com/lumetry -maxdiskspace -maxretries", kOn},
       // A new server address is used in the same pass.
-      {R"({"status": 200, "body": "[settings]\noperation=Merge\nurl=https://up.quorvik.com/o\n"})",
-       {"url=https://up.quorvik.com/o"},
-       {},
-       "/o/"},
+      {R"("[settings]\noperation=Merge\nurl=https://up.quorvik.com/o\n")",
+       "+url=https://up.quorvik.com/o", " GET /o/GetTarvix/ POST /o/UploadFile/"},
       // A Kill or Hibernate received in the pass ends every further request.
-      {R"({"status": 200, "body": "[ulog]\nstatus=Kill\n"})", {"status=Kill"}, {}, ""},
-      {R"({"status": 200, "body": "[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n"})",
-       {"status=Hibernate"},
-       {},
-       ""},
-      {"{\"status\": 200, \"body\": \"" + big + "\"}", {"maxretries=3"}, {"maxretries=4"}, on},
-      {R"({"status": 500, "body": "[settings]\nmaxretries=4\n"})", {"maxretries=3"}, {}, on},
-      {R"({"status": 200, "body": "\u0001\u0002[\u00ff=\n=\n[]"})", {}, {}, on},
+      {R"("[ulog]\nstatus=Kill\n")", "+status=Kill", ""},
+      {R"("[ulog]\nstatus=Hibernate\nwakeupdate=2999-01-01\n")", "+status=Hibernate", ""},
+      {"\"" + big + "\"", "+maxretries=3 -maxretries=4", kOn},
+      {R"("[settings]\nmaxretries=4\n", "status": 500)", "+maxretries=3", kOn},
+      {R"("\u0001\u0002[\u00ff=\n=\n[]")", "", kOn},
   };
-  for (const Case& c : cases) {
+  for (const auto& [answer, config, base] : cases) {
     SetConfig("");
-    AddLog("ulog_A_B_k_0.rdy", "x");
-    Script(Answers(kConfig, c.answer));
-    std::vector<std::string> lines = server_.RequestLines();
-    const std::size_t before = lines.size();
+    AddLog("ulog_A_B_k_0.rdy");
+    Script(Answers(kConfig, "{\"body\": " + answer + "}"));
     EXPECT_TRUE(Run().ran);
-    const std::string config = Config();
-    for (const auto& line : c.present) EXPECT_NE(std::string::npos, config.find(line)) << config;
-    for (const auto& line : c.absent) EXPECT_EQ(std::string::npos, config.find(line)) << config;
-    EXPECT_EQ(c.base.empty(), InSpool("ulog_A_B_k_0.rdy")) << c.answer;
-    std::vector<std::string> expected = {"GET " + kConfig};
-    if (!c.base.empty()) {
-      expected.push_back("GET " + c.base + "GetTarvix/");
-      expected.push_back("POST " + c.base + "UploadFile/");
-    }
-    lines = server_.RequestLines();
-    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
-    EXPECT_EQ(expected, lines) << c.answer;
+    ExpectConfig(config);
+    EXPECT_EQ(base.empty(), InSpool("ulog_A_B_k_0.rdy")) << answer;
+    EXPECT_EQ("GET " + kConfig + base, NewRequests()) << answer;
   }
 }
 
 TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
   const std::string path = GetTarvixPolicyPath();
   const std::string policy = "<policy>one</policy>\n";
-  // The answer and the policy file afterwards.
+  // The answer and the policy file afterwards; 1048577 bytes are one over the cap.
   const std::vector<std::pair<std::string, std::string>> cases = {
       {R"({"status": 200, "body": "<policy>one</policy>\n"})", policy},
       {R"({"status": 204})", policy},
       {R"({"status": 404})", policy},
       {R"({"status": 500, "body": "broken"})", policy},
-      {R"({"status": 200, "body_size": 1048577})", policy},  // one byte over the cap
+      {R"({"status": 200, "body_size": 1048577})", policy},
       {R"({"action": "close"})", policy},
-      {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')},
-  };
+      {R"({"status": 200, "body_size": 1048576})", std::string(1048576, 'x')}};
   for (const auto& [answer, expected] : cases) {
     Script(Answers(kPolicy, answer));
     Run();
-    std::string stored;
-    EXPECT_TRUE(ts::ReadFile(path, &stored)) << answer;
-    EXPECT_TRUE(stored == expected) << answer << " gave " << stored.size() << " bytes";
+    EXPECT_TRUE(ts::Contents(path) == expected) << answer << " gave " << ts::Contents(path).size();
     // Written through a temporary file that is renamed: none is left behind.
-    EXPECT_EQ(std::vector<std::string>{"tarvix_policy.xml"},
-              ts::ListNames(path.substr(0, path.rfind('/'))));
+    EXPECT_EQ(Lines{"tarvix_policy.xml"}, ts::ListNames(path.substr(0, path.rfind('/'))));
   }
 }
 
@@ -357,24 +434,267 @@ TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
   const std::string sneaky = "https://evil.example.org/x?https://a.quorvik.com/";
   ASSERT_TRUE(Uploader::IsAllowedServerUrl(sneaky));  // the unanchored patterns let it by
   SetConfig("[settings]\nurl=" + sneaky + "\n");
-  AddLog("ulog_A_B_k_0.rdy", "x");
+  AddLog("ulog_A_B_k_0.rdy");
   PassSummary summary = Run();
   EXPECT_EQ(0, summary.requests);
-  EXPECT_NE(std::string::npos, summary.quietReason.find("not allowed")) << summary.quietReason;
-
+  EXPECT_TRUE(Has(summary.quietReason, "not allowed")) << summary.quietReason;
   SetConfig("");
-  summary = Run(0, false, ts::SharedCertificates().otherCaFile);
-  EXPECT_EQ(1, summary.requests);  // the configuration request fails its handshake: no more
-  EXPECT_TRUE(server_.Requests().empty());
-  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
-  EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
-
-  server_.Stop();  // the server is down: one refused connection ends the pass
+  EXPECT_EQ(1, Run(0, false, "other/ca.pem").requests);  // the handshake fails: no more
+  EXPECT_TRUE(Requests().empty());
+  StopServer();  // the server is down: one refused connection ends the pass
   summary = Run();
   EXPECT_EQ(1, summary.requests);
-  EXPECT_NE(std::string::npos, summary.stopReason.find("cannot be reached"));
+  EXPECT_TRUE(Has(summary.stopReason, "cannot be reached"));
   EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
   EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
+}
+
+TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
+  ::unlink((cfg_ + ".cfg").c_str());  // the built-in configuration
+  const std::string name = "ulog_LumetryQX_AppCrash_K7F3_SESS-1_0.rdy";
+  // Stored bytes go out as they are: marker, line ends, NUL, high bytes.
+  const char raw[] = "K-Q$mw#$zRTd8pofupinbody\r\n--not-a-boundary\0\xff\n";
+  const std::string stored(raw, sizeof raw - 1);
+  AddLog(name, stored);
+  EXPECT_EQ("0||", Outcome(ts::RunProgram(Cli({"crash"}))));  // silent
+  EXPECT_FALSE(InSpool(name));
+  std::string machineId;  // made by the program in the user's preferences
+  ASSERT_TRUE(GetPreferenceString("MachineID", kDomain, &machineId, PrefUser::kCurrentUser,
+                                  PrefHost::kCurrentHost));
+  EXPECT_EQ(36u, machineId.size());
+  const auto requests = Requests();
+  ASSERT_EQ(3u, requests.size());
+  const std::string& head = requests[2].head;
+  const auto at = head.find("boundary=") + 9;
+  const std::string boundary = head.substr(at, head.find('\n', at) - at);
+  const std::string expected = "--" + boundary +
+                               "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
+                               name + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" +
+                               stored + "\r\n--" + boundary + "--\r\n";
+  EXPECT_EQ(expected, requests[2].body);
+  const std::string common =
+      "\nhost: lumetry.quorvik.com\nuser-agent: LogCourier2/" LUMETRY_TEST_VERSION
+      " (Linux)\naccept: */*\nx-lumetry-machine-id: " +
+      machineId + "\n";
+  EXPECT_EQ("GET " + kConfig + common + "x-test-connection: 1\n", requests[0].head);
+  EXPECT_EQ("GET " + kPolicy + common + "x-test-connection: 1\n", requests[1].head);
+  EXPECT_EQ("POST " + kUpload + common + "content-length: " + std::to_string(expected.size()) +
+                "\ncontent-type: multipart/form-data; boundary=" + boundary +
+                "\nx-test-connection: 1\n",
+            head);
+}
+
+// One pass at a time; a dry run sends and deletes nothing; a pass killed while it waits for
+// an answer leaves the work to the next.
+TEST_F(PassTest, ProgramOnePassAtATimeDryRunAndKilledPass) {
+  AddLog("ulog_A_B_k_0.xml", "<x/>", 200);
+  AddLog("ulog_A_B_l_0.xml", "<y/>", 100);
+  const int fd = ::open((spool_ + "/.LogCourierAppLock").c_str(), O_RDONLY | O_CREAT, 0600);
+  ASSERT_EQ(0, ::flock(fd, LOCK_EX | LOCK_NB));  // a pass is running
+  const auto second = ts::RunProgram(Cli({"--verbose"}));
+  ::close(fd);
+  const auto dry = ts::RunProgram(Cli({"--verbose", "--dry-run", "manual"}));
+  for (const auto& [run, line] : std::vector<std::pair<ts::RunResult, std::string>>{
+           {second, "another pass holds the lock"},
+           {dry, "LogCourier2: pass started (manual)\n"},
+           {dry, "would send ulog_A_B_k_0.xml (4 bytes)"},
+           {dry, "pass done: sent 0,"}}) {
+    EXPECT_TRUE(Outcome(run).substr(0, 3) == "0||" && Has(run.err, line)) << Outcome(run);
+  }
+  EXPECT_TRUE(Requests().empty());
+  Script(Answers(kUpload, R"({"status": 200, "delay": 5})"));
+  const pid_t pid = Spawn(Cli());  // HOME is the test's home, inherited
+  for (int i = 0; i < 200 && Requests().size() < 3; ++i) ::usleep(25000);
+  ASSERT_EQ(3u, Requests().size());  // the first upload is out, its answer not yet
+  ::kill(pid, SIGKILL);
+  ASSERT_EQ(pid, ::waitpid(pid, nullptr, 0));
+  Script("");
+  EXPECT_EQ(0, ts::RunProgram(Cli()).status);  // the lock died with the process
+  // Only the file whose answer never arrived went out twice.
+  EXPECT_EQ("ulog_A_B_k_0.xml ulog_A_B_k_0.xml ulog_A_B_l_0.xml", Uploaded());
+  EXPECT_EQ(".LogCourierAppLock", Spool());
+}
+
+// --status over a spool in every state it reports: each is named in the text and carried by
+// the JSON; nothing is changed, no request made.
+TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
+  ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg",
+                            "[settings]\nretryinterval=60\n[ulog]\nstatus=Hibernate\n"
+                            "wakeupdate=2099-01-01\n[hibernate]\nA_B=x|2099-02-03\n"));
+  const long now = static_cast<long>(std::time(nullptr));
+  SetLedger("notbefore " + std::to_string(now + 3600) + "\n2 " + std::to_string(now) +
+            " ulog_X_Y_failed_0.rdy\n");
+  for (const char* name : {"ulog_X_Y_failed_0.rdy", "ulog_A_B_paused_0.rdy", "ulog_X_Y_busy_0.xml"})
+    AddLog(name, "12345");
+  ExclusiveFile writer = ExclusiveFile::OpenExclusive(spool_ + "/ulog_X_Y_busy_0.xml");
+  ASSERT_TRUE(
+      SetPreferenceNumber("send", kDomain, 0, PrefUser::kCurrentUser, PrefHost::kCurrentHost));
+  const std::string sessions = home_.Library() + "/Logs/Quorvik/LumetryQX/SessionInfo/";
+  ASSERT_TRUE(ts::WriteFile(sessions + "1_F_N_S_K_x_y_p.info", ""));  // pid 1 started first
+  ASSERT_TRUE(ts::WriteFile(sessions + "__999999999__F_N_S_K_x_y_p.info", ""));  // no such pid
+  const auto text = ts::RunProgram({kProgram, "--status"});
+  const auto doc = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
+  writer.Close();
+  EXPECT_EQ(0, text.status) << text.err;
+  for (const char* fact :
+       {"3 usage logs, 15 bytes", "ulog_X_Y_failed_0.rdy: 5 bytes, 2 failed attempts, next try ",
+        "ulog_A_B_paused_0.rdy: 5 bytes, item paused until 2099-02-03",
+        "ulog_X_Y_busy_0.xml: 5 bytes, locked", "Sending: no: sending is switched off",
+        "Status: Hibernate until 2099-01-01", "Retry-After: no upload before ",
+        "Server: https://lumetry.quorvik.com/lumetry", "1 live, 1 orphaned",
+        "Last pass: none recorded"}) {
+    EXPECT_TRUE(Has(text.out, fact)) << fact << "\n" << text.out;
+  }
+  for (const auto& log : doc["spool"]["logs"]) {
+    EXPECT_EQ(log["name"] == "ulog_X_Y_failed_0.rdy" ? 2 : 0, log["failedAttempts"]) << log;
+    EXPECT_EQ(log["name"] == "ulog_X_Y_busy_0.xml", log["locked"]) << log;
+  }
+  EXPECT_TRUE(doc["spool"]["files"] == 3 && doc["status"] == "Hibernate" &&
+              doc["retryAfter"] == now + 3600 && doc["sessions"]["orphaned"] == 1)
+      << doc.dump();
+  EXPECT_TRUE(Requests().empty());
+  EXPECT_EQ("ulog_A_B_paused_0.rdy ulog_X_Y_busy_0.xml ulog_X_Y_failed_0.rdy", Spool());
+  // A pass records its time and summary for the view.
+  ASSERT_EQ(0, ts::RunProgram(Cli()).status);
+  const auto after = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
+  EXPECT_TRUE(Has(after["lastPass"]["summary"].get<std::string>(), "orphaned sessions swept 1"));
+}
+
+TEST(UploaderInstallTest, InstallsWhereTheLauncherLooks) {
+  ts::ScopedTempDir prefix;
+  const auto install = ts::RunProgram(
+      {CMAKE_PROGRAM, "--install", BUILD_DIR, "--prefix", prefix.path(), "--component", "courier"});
+  ASSERT_EQ(0, install.status) << install.out << install.err;
+  const std::string program = prefix.Sub("lib/lumetry/LogCourier2.app/Contents/MacOS/LogCourier2");
+  EXPECT_EQ("LogCourier2 " LUMETRY_TEST_VERSION "\n", ts::RunProgram({program, "--version"}).out);
+  SetUploaderLocationHint(prefix.Sub("lib/lumetry/").c_str());  // as a host application does
+  EXPECT_EQ(program, LocateUploaderExecutable());
+  const std::string units = prefix.Sub("lib/systemd/user/logcourier2.");
+  EXPECT_TRUE(Has(ts::Contents(units + "service"), "\nExecStart=" + program + " service\n"));
+  EXPECT_TRUE(
+      Has(ts::Contents(units + "path"), "\nPathChanged=%h/Library/Logs/Quorvik/LogCourier2QX\n"));
+  EXPECT_TRUE(ts::PathExists(units + "timer"));
+}
+
+TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
+  const std::string usage = "Usage: LogCourier2 [--verbose]";
+  EXPECT_EQ("0|" + usage,
+            Outcome(ts::RunProgram({kProgram, "--help"})).substr(0, usage.size() + 2));
+  EXPECT_EQ("0|LogCourier2 " LUMETRY_TEST_VERSION "\n|", Outcome(ts::RunProgram({kProgram, "-V"})));
+  const std::vector<std::pair<Lines, std::string>> errors = {
+      {{kProgram, "--x"}, "unrecognized option '--x'"},
+      {{kProgram, "--x=1"}, "unrecognized option '--x=1'"},
+      {{kProgram, "--cacert"}, "option '--cacert' requires an argument"},
+      {{kProgram, "-z"}, "invalid option -- 'z'"},
+      {{kProgram, "one", "two"}, "unexpected argument 'two'"}};
+  for (const auto& [argv, message] : errors) {
+    EXPECT_EQ("2||LogCourier2: " + message + "\nTry 'LogCourier2 --help'.\n",
+              Outcome(ts::RunProgram(argv)));
+  }
+}
+
+// What a piece makes of an input, as text: 'u' the strict server-address check, 'r' the
+// Retry-After value (the time it gives, at `kNow`), 'n' the usage-log name check, 'i' the
+// item of a name, 'l' the records of an attempt ledger file read back after one more.
+constexpr std::int64_t kNow = 1700000000;  // Tue, 14 Nov 2023 22:13:20 GMT
+std::string Piece(char kind, const std::string& in) {
+  std::int64_t until = -1;
+  std::string family = "-", item;
+  if (kind == 'r') return RetryAfterUntil(in, kNow, &until) ? std::to_string(until - kNow) : "no";
+  if (kind == 'i') return ItemOfName(in, &family, &item) ? family + "/" + item : "no";
+  if (kind != 'l') return (kind == 'u' ? IsStrictServerUrl(in) : IsUsageLogName(in)) ? "1" : "0";
+  ts::ScopedTempDir dir;
+  EXPECT_TRUE(ts::WriteFile(dir.Sub("ledger"), in));
+  AttemptLedger ledger = AttemptLedger::Load(dir.Sub("ledger"));
+  ledger.RecordFailure("ulog_fresh.rdy", 999999);
+  const std::string saved = ledger.Serialize();
+  return std::to_string(std::count(saved.begin(), saved.end(), '\n')) +
+         (Has(saved, "ulog_fresh.rdy") ? "" : " lost the fresh one") +
+         (Has(saved, "ulog_100000.rdy") ? " kept the oldest" : "");
+}
+
+TEST(UploaderPiecesTest, EachInputGivesItsAnswer) {
+  std::string many;  // too many: the most recent failures are kept, within the cap
+  for (std::size_t i = 0; i < AttemptLedger::kMaxEntries + 10; ++i) {
+    many += "1 " + std::to_string(1000 + i) + " ulog_" + std::to_string(100000 + i) + ".rdy\n";
+  }
+  const std::string max = std::to_string(kMaxRetryAfterSeconds);
+  const std::vector<std::tuple<char, std::string, std::string>> cases = {
+      {'u', "https://lumetry.quorvik.com/lumetry", "1"},
+      {'u', "https://a.b.quorvik.com/x/", "1"},
+      {'u', "https://LUMETRY.Quorvik.COM/lumetry?https://a.quorvik.com/", "1"},
+      {'u', "http://localhost/lumetry", "1"},
+      {'u', "https://a.quorvik.com:8443/x/", "0"},  // the patterns want the path after the domain
+      {'u', "http://lumetry.quorvik.com/lumetry", "0"},  // plain http only to localhost
+      {'u', "https://localhost/lumetry?https://a.quorvik.com/", "0"},
+      {'u', "https://evil.org/x?https://a.quorvik.com/", "0"},
+      {'u', "https://quorvik.com.evil.org/?https://a.quorvik.com/", "0"},
+      {'u', "https://evilquorvik.com/?https://a.quorvik.com/", "0"},
+      {'u', "https://user@a.quorvik.com/", "0"},
+      {'u', "https://user:pw@a.quorvik.com/", "0"},
+      {'u', "ftp://a.quorvik.com/?https://a.quorvik.com/", "0"},
+      {'u', "xhttps://a.quorvik.com/", "0"},
+      {'u', "https://a.quorvik.com", "0"},  // the configuration's patterns want a path
+      {'u', "", "0"},
+      {'u', "https://[::1]/?https://a.quorvik.com/", "0"},
+      {'r', "0", "0"},
+      {'r', "120", "120"},
+      {'r', "99999999999999999999999", max},
+      {'r', "Tue, 14 Nov 2023 22:15:20 GMT", "120"},
+      {'r', "Tuesday, 14-Nov-23 22:15:20 GMT", "120"},
+      {'r', "Tue, 14 Nov 2023 22:00:00 GMT", "0"},  // already past
+      {'r', "Tue, 14 Nov 2033 22:00:00 GMT", max},
+      {'r', "", "no"},
+      {'r', "-5", "no"},
+      {'r', "soon", "no"},
+      {'n', "ulog_a.rdy", "1"},
+      {'n', "ulog_LumetryQX_AppCrash_k_1_0.xml", "1"},
+      {'n', "ulog_.rdy", "0"},
+      {'n', "ulog_a.rdy.tmp", "0"},
+      {'n', "ulog_a.txt", "0"},
+      {'n', "xulog_a.rdy", "0"},
+      {'n', "Ulog_a.rdy", "0"},
+      {'n', "ulog_a\nb.rdy", "0"},
+      {'n', ".ulog_a.rdy", "0"},
+      {'n', "ulog_a.RDY", "0"},
+      {'i', "ulog_LumetryQX_AppCrash_K7F3_S1_0.rdy", "LumetryQX/AppCrash"},
+      {'i', "ulog_A__x.xml", "A/"},
+      {'i', "ulog_A_B.xml", "no"},
+      {'i', "ulog.xml", "no"},
+      {'l', "3 10 ulog_a.rdy", "2"},      // no final line feed
+      {'l', "3 10 ulog_a.rdy\r\n", "1"},  // "ulog_a.rdy\r" is no usage-log name
+      {'l', "x 10 ulog_a.rdy\n-1 10 ulog_b.rdy\n", "1"},
+      {'l', "3 x ulog_a.rdy\n3  ulog_b.rdy\n", "1"},
+      {'l', "4294967296 1 ulog_a.rdy\n", "1"},  // beyond 32 bits
+      {'l', "3 10 not_a_log\n3 10\n3\n\n", "1"},
+      {'l', std::string(std::size_t{2} << 20, '\n') + "3 10 ulog_a.rdy\n", "1"},  // over the cap
+      {'l', many, std::to_string(AttemptLedger::kMaxEntries)},
+  };
+  for (const auto& [kind, in, expected] : cases) {
+    EXPECT_EQ(expected, Piece(kind, in)) << kind << " " << in.substr(0, 80);
+  }
+  const std::vector<std::pair<long, UploadVerdict>> verdicts = {// the edges of each class
+                                                                {299, UploadVerdict::kAccepted},
+                                                                {100, UploadVerdict::kRetry},
+                                                                {0, UploadVerdict::kRetry},
+                                                                {700, UploadVerdict::kRetry},
+                                                                {499, UploadVerdict::kRefused}};
+  for (const auto& [status, verdict] : verdicts) EXPECT_EQ(verdict, VerdictForStatus(status));
+}
+
+// Counting across passes and reading damage amid records are pinned by the passes and the
+// table above; here, what the file holds.
+TEST(AttemptLedgerTest, WritesOnlyWhenChanged) {
+  ts::ScopedTempDir dir;
+  const std::string path = dir.Sub("ledger");
+  AttemptLedger ledger = AttemptLedger::Load(path);              // no file yet
+  EXPECT_TRUE(ledger.SaveIfChanged() && !ts::PathExists(path));  // nothing changed, no file
+  ledger.RecordFailure("ulog_a_b_1.rdy", 100);
+  ledger.RecordFailure("ulog_c d_e.xml", 300);  // blanks in a name are fine
+  ledger.SetNotBefore(12345);
+  ASSERT_TRUE(ledger.SaveIfChanged());
+  EXPECT_EQ("notbefore 12345\n1 100 ulog_a_b_1.rdy\n1 300 ulog_c d_e.xml\n", ts::Contents(path));
+  EXPECT_EQ(300, AttemptLedger::Load(path).Find("ulog_c d_e.xml")->lastFailure);
 }
 
 }  // namespace

@@ -1,19 +1,20 @@
 #!/usr/bin/env python3
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
-Usage: courier_test_server.py --cert PEM --key PEM --dir DIR [--lifetime S] [--print]
-Writes its port to DIR/port; records each request as DIR/requests/NNNN.head ("METHOD PATH",
-then "name: value" lines, names lower-cased, plus "x-test-connection: N") and NNNN.body.
-Keeps connections open. Answers follow DIR/script.json, read per request:
-{"<path>": [answer, ...]}, used in turn, the last repeating; an answer has "status",
-"body", "body_size" (that many "x"), "headers", "delay" (s), "close": true, and
-"action": "close" (drop without answer) or "garbage". Unscripted: GET 204, POST 200.
---print shows each request and each upload decoded (ROT47 after the scramble marker).
+Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
+Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows.
+Writes DIR/port; records requests as DIR/requests/NNNN.head ("METHOD PATH", "name: value"
+lines, names lower-cased, "x-test-connection: N") and NNNN.body. Keeps connections open.
+Answers follow DIR/script.json, read per request: {"<path>": [answer, ...]}, in turn, the
+last repeating; an answer has "status", "body", "body_size" (that many "x"), "headers",
+"delay" (s), "close": true, "action": "close" (no answer) or "garbage". Unscripted: GET 204,
+POST 200. --print shows each request and upload decoded (ROT47 after the scramble marker).
 """
 import argparse
 import email.parser
 import email.policy
 import http.server
+import itertools
 import json
 import os
 import socket
@@ -53,26 +54,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def setup(self):
         super().setup()
-        with self.server.state["lock"]:
-            self.server.state["connections"] += 1
-            self.number = self.server.state["connections"]
+        self.number = next(self.server.state["connections"])  # atomic under the GIL
 
     def _record(self, body):
-        state = self.server.state
-        with state["lock"]:
-            state["count"] += 1
-            number = state["count"]
-        base = os.path.join(state["dir"], "requests", "%04d" % number)
-        with open(base + ".body.tmp", "wb") as f:
-            f.write(body)
-        os.rename(base + ".body.tmp", base + ".body")
-        head = "%s %s\n" % (self.command, self.path)
-        for name, value in self.headers.items():
-            head += "%s: %s\n" % (name.lower(), value)
-        head += "x-test-connection: %d\n" % self.number
-        with open(base + ".head.tmp", "w", encoding="utf-8", errors="surrogateescape") as f:
-            f.write(head)
-        os.rename(base + ".head.tmp", base + ".head")
+        base = os.path.join(self.server.state["dir"], "requests",
+                            "%04d" % next(self.server.state["count"]))
+        head = "%s %s\n" % (self.command, self.path) + "".join(
+            "%s: %s\n" % (name.lower(), value) for name, value in self.headers.items())
+        head = (head + "x-test-connection: %d\n" % self.number).encode("utf-8", "surrogateescape")
+        for suffix, data in ((".body", body), (".head", head)):  # the head last: all is there
+            with open(base + suffix + ".tmp", "wb") as f:
+                f.write(data)
+            os.rename(base + suffix + ".tmp", base + suffix)
 
     def _answer_for(self):
         state = self.server.state
@@ -99,14 +92,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self._record(body)
         answer = self._answer_for()
         time.sleep(float(answer.get("delay", 0)))
-        action = answer.get("action")
-        if action == "close":
+        if answer.get("action"):
             self.close_connection = True
-            self.connection.shutdown(socket.SHUT_RDWR)
-            return
-        if action == "garbage":
-            self.wfile.write(b"this is not an answer\r\n\r\n")
-            self.close_connection = True
+            if answer["action"] == "garbage":
+                self.wfile.write(b"this is not an answer\r\n\r\n")
+            else:
+                self.connection.shutdown(socket.SHUT_RDWR)
             return
         status = int(answer.get("status", 200))
         if self.server.state["print"]:
@@ -132,12 +123,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 
 class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-    def __init__(self, address, context, state):
-        super().__init__(address, Handler)
-        self.context = context
-        self.state = state
+    daemon_threads = True  # its `context` and `state` are set by main
 
     def finish_request(self, request, client_address):
         # The TLS handshake runs in the request's own thread, with a time
@@ -153,18 +139,27 @@ class Server(http.server.ThreadingHTTPServer):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--cert", required=True)
-    parser.add_argument("--key", required=True)
+    for flag in ("--cert", "--key"):
+        parser.add_argument(flag)
     parser.add_argument("--dir", required=True)
     parser.add_argument("--lifetime", type=float, default=120)
     parser.add_argument("--print", action="store_true")
     args = parser.parse_args()
     os.makedirs(os.path.join(args.dir, "requests"), exist_ok=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    if not args.cert:  # the benchmark's certificates, and a CA that signed nothing shown here
+        sys.dont_write_bytecode = True  # nothing written into the source tree
+        sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "bench", "courier"))
+        from courier import make_certificates
+        for where in (os.path.join(args.dir, "other"), args.dir):
+            os.makedirs(where, exist_ok=True)
+            make_certificates(where)
+        args.cert, args.key = [os.path.join(args.dir, "server." + x) for x in ("pem", "key")]
     context.load_cert_chain(args.cert, args.key)
-    state = {"dir": args.dir, "lock": threading.Lock(), "count": 0, "used": {}, "connections": 0,
-             "print": args.print}
-    server = Server(("127.0.0.1", 0), context, state)
+    server = Server(("127.0.0.1", 0), Handler)
+    server.context, server.state = context, {
+        "dir": args.dir, "lock": threading.Lock(), "count": itertools.count(1), "used": {},
+        "connections": itertools.count(1), "print": args.print}
     port_file = os.path.join(args.dir, "port")
     with open(port_file + ".tmp", "w") as f:
         f.write(str(server.server_address[1]))
