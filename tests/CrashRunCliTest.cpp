@@ -68,13 +68,17 @@ class CrashRunTest : public ::testing::Test {
 // session id, family, product} (a name ending in '.' gets the form "obfuscate" picks), files left.
 // clang-format off
 struct CliCase {
-  const char* label; Strings args, planted; int obf; bool logDir; int status; std::vector<Strings> logs; Strings left;
+  const char* label; Strings args, planted; int obf; bool logDir; int status;
+  std::vector<Strings> logs; Strings left;
 };
 constexpr int kNoPref = -100, kStrPref = -101;  // obf: these, or the number stored
-const std::string kP = Info("1"), kP9 = Info("9", "77"), kA = "1_F_N_SA_KA_x_y_Prod.77", kB = "2_F_N_SB_KB_x_y_Prod.77",
-                  kX = "77_b_c_d_e_f_g_h_Prod", kC = "3_F_N_SC_KC_x_y_Prod.78", kD = "4_F_N_SD_KD_x_y_Other.77";
-const Strings kLog1 = {LogName("1"), "S1", "Fam", "Name"}, kLog9 = {LogName("9", "."), "S9", "Fam", "Name"};
-const std::vector<Strings> kLogAB = {{LogName("A"), "SA", "F", "N"}, {LogName("B"), "SB", "F", "N"}};
+const std::string kP = Info("1"), kP9 = Info("9", "77"), kA = "1_F_N_SA_KA_x_y_Prod.77",
+    kB = "2_F_N_SB_KB_x_y_Prod.77", kX = "77_b_c_d_e_f_g_h_Prod", kC = "3_F_N_SC_KC_x_y_Prod.78",
+    kD = "4_F_N_SD_KD_x_y_Other.77";
+const Strings kLog1 = {LogName("1"), "S1", "Fam", "Name"},
+    kLog9 = {LogName("9", "."), "S9", "Fam", "Name"};
+const std::vector<Strings> kLogAB = {{LogName("A"), "SA", "F", "N"},
+                                     {LogName("B"), "SB", "F", "N"}};
 const CliCase kCliCases[] = {
     {"no arguments", {}, {}, kNoPref, false, 255, {}, {}},
     {"one argument", {"Prod"}, {}, kNoPref, false, 255, {}, {}},
@@ -98,14 +102,17 @@ const CliCase kCliCases[] = {
       "3_F_N_SC_KC_x_y_Prod.99"}, kNoPref, true, 0,
      kLogAB, {"3_F_N_SC_KC_x_y_Prod.99"}},
     // Empty pieces are skipped, and no extension is needed.
-    {"separators collapse", {"Prod", "1234"}, {"_1234__Fam_Name_S1_K1_x_y_Prod_.info", "1234_Fam_Name_S2_K2_x_y_Prod"},
-     kNoPref, true, 0, {kLog1, {LogName("2"), "S2", "Fam", "Name"}}, {}},
+    {"separators collapse", {"Prod", "1234"},
+     {"_1234__Fam_Name_S1_K1_x_y_Prod_.info", "1234_Fam_Name_S2_K2_x_y_Prod"}, kNoPref, true, 0,
+     {kLog1, {LogName("2"), "S2", "Fam", "Name"}}, {}},
     // Attributes are escaped '&' first; UTF-8 passes as it is.
-    {"escaped names", {"Prod", "1234"}, {"1234_<&#38;\"\\'>\xC3\xA9_Name_S1_K1_x_y_Prod.info"}, kNoPref, true, 0,
+    {"escaped names", {"Prod", "1234"},
+     {"1234_<&#38;\"\\'>\xC3\xA9_Name_S1_K1_x_y_Prod.info"}, kNoPref, true, 0,
      {{LogName("1"), "S1", "&#60;&#38;#38;&#34;&#92;&#39;&#62;\xC3\xA9", "Name"}}, {}},
     // A name that is not text is NOVALUE; the session id keeps its bytes in the
     // file name, and its stray byte is Latin-1 in the document (C3 -> C3 83).
-    {"names that are not UTF-8", {"Prod", "1234"}, {"1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info"}, kNoPref, true, 0,
+    {"names that are not UTF-8", {"Prod", "1234"},
+     {"1234_Fam_N\xff\xfe_S\xc3_K1_x_y_Prod.info"}, kNoPref, true, 0,
      {{"ulog_LumetryQX_AppCrash_K1_S\xc3_0.rdy", "S\xc3\x83", "Fam", "NOVALUE"}}, {}},
     // Hidden names and directories (with what they hold) are session files too.
     // Whatever order the directory yields its names in, the outcome is the same.

@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 
 extern char** environ;
@@ -49,22 +48,15 @@ ScopedEnv::ScopedEnv(const std::string& name, const std::string& value) : name_(
 }
 
 ScopedEnv::~ScopedEnv() {
-  if (had_old_) {
-    ::setenv(name_.c_str(), old_.c_str(), 1);
-  } else {
-    ::unsetenv(name_.c_str());
-  }
+  had_old_ ? ::setenv(name_.c_str(), old_.c_str(), 1) : ::unsetenv(name_.c_str());
 }
 
 ScopedHome::ScopedHome() : env_("HOME", dir_.path()) {}
 
 bool ReadFile(const std::string& path, std::string* contents) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  *contents = buffer.str();
-  return true;
+  if (in) contents->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return static_cast<bool>(in);
 }
 
 std::string Contents(const std::string& path) {
@@ -79,14 +71,10 @@ bool MakeDirs(const std::string& path) {
 }
 
 bool WriteFile(const std::string& path, const std::string& contents) {
-  size_t slash = path.rfind('/');
-  if (slash != std::string::npos && slash > 0 && !MakeDirs(path.substr(0, slash))) {
-    return false;
-  }
+  const size_t slash = path.rfind('/');
+  if (slash != std::string::npos && slash > 0 && !MakeDirs(path.substr(0, slash))) return false;
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) return false;
-  out << contents;
-  return static_cast<bool>(out.flush());
+  return out && (out << contents).flush();
 }
 
 bool PathExists(const std::string& path) {
@@ -97,9 +85,8 @@ bool PathExists(const std::string& path) {
 std::vector<std::string> ListNames(const std::string& dir) {
   std::vector<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error))
     names.push_back(entry.path().filename().string());
-  }
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -130,12 +117,11 @@ std::string CrashDocument(const std::string& id, const std::string& crashFamily,
 )";
   std::string doc;
   for (std::size_t i = 0; i < kTemplate.size(); ++i) {
-    if (kTemplate[i] != '@') {
+    const char key = kTemplate[i] == '@' ? kTemplate[++i] : '\0';
+    if (key == '\0')
       doc += kTemplate[i];
-      continue;
-    }
-    const char key = kTemplate[++i];
-    doc += key == 'I' ? id : key == 'F' ? crashFamily : key == 'N' ? crashName : machineId;
+    else
+      doc += key == 'I' ? id : key == 'F' ? crashFamily : key == 'N' ? crashName : machineId;
   }
   return doc;
 }
@@ -199,46 +185,38 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
   if (rc != 0) return result;
 
   int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFEXITED(status)) {
-    result.status = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.status = 128 + WTERMSIG(status);
-  }
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.status = 128 + WTERMSIG(status);
   ReadFile(out, &result.out);
   ReadFile(err, &result.err);
   return result;
 }
 
+namespace {
+// Sets or clears the immutable flag of `dir`; false when it cannot.
+bool SetImmutable(const std::string& dir, bool on) {
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int flags = 0;
+  const bool done = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 &&
+                    (flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL,
+                     ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0);
+  if (fd >= 0) ::close(fd);
+  return done;
+}
+}  // namespace
+
 ScopedNoNewFiles::ScopedNoNewFiles(const std::string& dir) : dir_(dir) {
   if (::geteuid() == 0) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    int flags = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
-      flags |= FS_IMMUTABLE_FL;
-      if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0) how_ = How::kImmutable;
-    }
-    ::close(fd);
-    return;
+    if (SetImmutable(dir, true)) how_ = How::kImmutable;
+  } else if (::chmod(dir.c_str(), 0555) == 0) {
+    how_ = How::kMode;
   }
-  if (::chmod(dir.c_str(), 0555) == 0) how_ = How::kMode;
 }
 
 ScopedNoNewFiles::~ScopedNoNewFiles() {
-  if (how_ == How::kImmutable) {
-    const int fd = ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    int flags = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
-      flags &= ~FS_IMMUTABLE_FL;
-      ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
-    }
-    ::close(fd);
-  } else if (how_ == How::kMode) {
-    ::chmod(dir_.c_str(), 0755);
-  }
+  if (how_ == How::kImmutable) SetImmutable(dir_, false);
+  if (how_ == How::kMode) ::chmod(dir_.c_str(), 0755);
 }
 
 std::string NestedBinaryArrays(std::uint32_t depth, bool loop) {

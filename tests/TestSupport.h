@@ -39,9 +39,8 @@ class ScopedEnv {
   bool had_old_;
 };
 
-// A process-wide test override of the product (the main bundle path, the
-// any-user preference directory) for the scope: `set(value)` now and on Set,
-// `set("")`, which restores the real look-up, when the scope ends.
+// A process-wide test override of the product (main bundle path, any-user
+// preference directory): `set(value)` now, `set("")` (the real look-up) at the end.
 class ScopedOverride {
  public:
   using Setter = void (*)(const std::string&);
@@ -67,10 +66,9 @@ class ScopedHome {
   ScopedEnv env_;
 };
 
-// Makes `dir` refuse new entries for the scope while its files stay
-// writable: the immutable flag when running as root (permission bits do not
-// stop root), else mode 0555. active() is false when neither could be set
-// (a file system without the flag); callers then skip.
+// Makes `dir` refuse new entries for the scope, its files still writable: the
+// immutable flag as root (modes do not stop root), else mode 0555; active() is
+// false when neither could be set (callers then skip).
 class ScopedNoNewFiles {
  public:
   explicit ScopedNoNewFiles(const std::string& dir);
@@ -85,9 +83,8 @@ class ScopedNoNewFiles {
   How how_ = How::kNone;
 };
 
-// A binary property list of `depth` nested arrays, each holding the next
-// (the last one empty), with 4-byte offsets and references; with `loop` the
-// last array holds the first instead.
+// A binary property list of `depth` nested arrays, each holding the next (the
+// last one empty, or with `loop` holding the first), 4-byte offsets and references.
 std::string NestedBinaryArrays(std::uint32_t depth, bool loop = false);
 
 // Sets the modification time of `path` to `seconds` before now.
@@ -115,9 +112,8 @@ std::string DumpSettings(const Settings& s) {
 // The arguments are the attribute texts as written (already escaped).
 std::string CrashDocument(const std::string& id, const std::string& crashFamily,
                           const std::string& crashName, const std::string& machineId);
-// Writes the JSON value `json` as a property list at `path` (missing parent
-// directories are made) with python's plistlib, a writer independent of the
-// product's; false, with a test failure carrying python's message, on error.
+// Writes the JSON value `json` as a property list at `path` with python's
+// plistlib, a writer independent of the product's; a test failure on error.
 bool WritePlist(const std::string& path, const std::string& json, bool binary);
 // Replaces every time="YYYY-MM-DDThh:mm:ssZ" by time="T".
 std::string MaskTimes(const std::string& text);
@@ -130,9 +126,8 @@ struct RunResult {
   std::string err;  // standard error
 };
 
-// Runs `argv` (argv[0] is the program path) with its standard input on
-// /dev/null; `env` entries "NAME=value" are added to (or replace) the
-// current environment.
+// Runs `argv` (argv[0] is the program path), standard input on /dev/null;
+// `env` entries "NAME=value" are added to (or replace) the current environment.
 RunResult RunProgram(const std::vector<std::string>& argv,
                      const std::vector<std::string>& env = {});
 
