@@ -197,7 +197,7 @@ TEST_F(CrashRunTest, ConcurrentRunsNeverInterleaveASession) {
     for (const char* pid : {"12", "123", "1234", "12", "123", "1234"}) {
       if ((children.emplace_back(::fork())) == 0) {  // 254: another run consumed the files first
         const int status = RunProgram({CRASH_PROCESSOR_PATH, "Prod", pid}).status;
-        ::_exit(status == 0 || status == 254 ? 0 : 1);
+        ExitChild(status == 0 || status == 254 ? 0 : 1);
       }
     }
     for (pid_t child : children) {

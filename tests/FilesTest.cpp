@@ -166,6 +166,34 @@ TEST(FileUtilProbes, SizesLocksAndABlockedLibrary) {
   EXPECT_EQ("x|precious", untouched + "|" + Contents(home.Library()));
 }
 
+// Helpers kept for hosts: the link rule of the time probe is the one worth pinning.
+TEST(FileUtilSpare, NamesTimesListingsDeletionAndSpace) {
+  EXPECT_EQ(FileUtil::FileName("/a/b") + FileUtil::FileName("/a/b/") + FileUtil::FileName(""), "b");
+  ScopedTempDir tmp;
+  Touch(tmp, {"a.log", ".h.log", "d/b.log", "d/.h"});
+  ASSERT_TRUE(AgeFile(tmp.Sub("a.log"), 3600));
+  ASSERT_EQ(0, ::symlink(tmp.Sub("a.log").c_str(), tmp.Sub("abs").c_str()));
+  ASSERT_EQ(0, ::symlink("a.log", tmp.Sub("rel").c_str()));  // resolved against the cwd
+  std::uint64_t direct = 0, linked = 0, space = 0;
+  EXPECT_TRUE(FileUtil::GetModificationTime(tmp.Sub("a.log"), &direct) &&
+              FileUtil::GetModificationTime(tmp.Sub("abs"), &linked) && direct == linked);
+  EXPECT_NEAR(static_cast<double>(std::time(nullptr) - 3600), static_cast<double>(direct), 5);
+  EXPECT_FALSE(FileUtil::GetModificationTime(tmp.Sub("rel"), &linked) ||
+               FileUtil::GetModificationTime(tmp.Sub("none"), &linked) ||
+               FileUtil::GetModificationTime(tmp.Sub("a.log"), nullptr));
+  Strings flat, deep;
+  EXPECT_TRUE(FileUtil::ListFiles(tmp.path(), &flat, false) &&
+              FileUtil::ListFiles(tmp.path(), &deep, true));
+  std::sort(flat.begin(), flat.end()), std::sort(deep.begin(), deep.end());
+  EXPECT_EQ(flat, (Strings{tmp.Sub("a.log"), tmp.Sub("abs"), tmp.Sub("rel")}));
+  EXPECT_EQ(deep, (Strings{tmp.Sub("a.log"), tmp.Sub("abs"), tmp.Sub("d/b.log"), tmp.Sub("rel")}));
+  EXPECT_FALSE(FileUtil::ListFiles(tmp.Sub("a.log"), &flat, false));
+  FileUtil::DeleteContaining(tmp.path(), ".log");  // not hidden ones, not into directories
+  EXPECT_EQ(ListNames(tmp.path()), (Strings{".h.log", "abs", "d", "rel"}));
+  EXPECT_TRUE(FileUtil::GetFreeSpace(tmp.path(), &space) && space > 0);
+  EXPECT_FALSE(FileUtil::GetFreeSpace(tmp.Sub("none"), &space));
+}
+
 using FileIO::ReadStatus;
 
 TEST(FileIORead, StatusByKindOfItem) {

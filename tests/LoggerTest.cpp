@@ -35,7 +35,7 @@ struct Sandbox {
       const ScopedOverride bundle_override(&Platform::SetMainBundlePathForTesting, bundle);
       const int code = body();
       (void)std::fflush(nullptr);
-      ::_exit(code);
+      ExitChild(code);
     }
     int status = 0;
     return ::waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -1,8 +1,11 @@
 // String helpers, and bounded copies that refuse or truncate instead of overrunning.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "SafeStr.h"
 #include "StringUtil.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -117,6 +120,18 @@ TEST(SafeStrTest, CopiesFormatsAndConversionsRefuseOrTruncateInBounds) {
   // Digits come from the low 32 bits, so 2^32 in radix 10 ends in 0, not 6.
   EXPECT_EQ("0:4294967290", Result(SafeStr::UI64ToA(4294967296u, wide, sizeof wide, 10), wide));
   EXPECT_EQ(SafeStr::UI64ToA(1, nullptr, 8, 10), -1);
+}
+
+// A line of standard input at most: too long a line leaves the empty string, 0xFF ends it.
+TEST(SafeStrTest, GetSReadsOneLineOrNothing) {
+  testing_support::ScopedTempDir dir;
+  ASSERT_TRUE(testing_support::WriteFile(dir.Sub("in"), "abc\nabcd\nx\xFFyz\nok"));
+  ASSERT_NE(std::freopen(dir.Sub("in").c_str(), "r", stdin), nullptr);
+  char dst[4];
+  for (const char* line : {"abc", "", "x", "yz", "ok", ""})
+    EXPECT_TRUE(SafeStr::GetS(dst, sizeof dst) == dst && std::string(dst) == line) << line;
+  EXPECT_TRUE(SafeStr::GetS(nullptr, 4) == nullptr && SafeStr::Printf("%s", "") == 0);
+  EXPECT_NE(std::freopen("/dev/null", "r", stdin), nullptr);
 }
 
 }  // namespace

@@ -238,6 +238,14 @@ std::string NestedBinaryArrays(std::uint32_t depth, bool loop) {
          be(table_offset, 8);
 }
 
+// Present only in a coverage build.
+extern "C" void __gcov_dump() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
+
+void ExitChild(int code) {
+  if (__gcov_dump != nullptr) __gcov_dump();
+  ::_exit(code);
+}
+
 bool AgeFile(const std::string& path, long seconds) {
   struct timespec times[2];
   ::clock_gettime(CLOCK_REALTIME, &times[0]);

@@ -87,6 +87,10 @@ class ScopedNoNewFiles {
 // last one empty, or with `loop` holding the first), 4-byte offsets and references.
 std::string NestedBinaryArrays(std::uint32_t depth, bool loop = false);
 
+// Ends a forked child at once (no handlers, none of the parent's destructors),
+// writing its coverage counters first in a coverage build.
+[[noreturn]] void ExitChild(int code);
+
 // Sets the modification time of `path` to `seconds` before now.
 bool AgeFile(const std::string& path, long seconds);
 

@@ -41,9 +41,6 @@ bool GetItemAttributes(const std::string& path, ItemAttributes* attributes);
 // The target of a symbolic link exactly as stored in the link.
 bool ReadSymbolicLink(const std::string& path, std::string* target);
 
-// True when anything, even a dangling symbolic link, is at `path`.
-bool ItemExists(const std::string& path);
-
 // A non-owning reference to a callable that takes one entry name: the
 // directory's own NUL-terminated bytes, valid only during the call, so a
 // listing copies nothing that the callable does not keep. (A callable that

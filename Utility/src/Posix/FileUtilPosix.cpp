@@ -79,11 +79,6 @@ bool ReadSymbolicLink(const std::string& path, std::string* target) {
   }
 }
 
-bool ItemExists(const std::string& path) {
-  struct stat st;
-  return !path.empty() && ::lstat(path.c_str(), &st) == 0;
-}
-
 bool ForEachName(const std::string& dir, const NameVisitor& visit) {
   if (dir.empty()) return false;
   ScopedDir stream(::opendir(dir.c_str()));
