@@ -2,13 +2,12 @@
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
 Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
-Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows.
-Writes DIR/port; records requests as DIR/requests/NNNN.head ("METHOD PATH", "name: value"
-lines, names lower-cased, "x-test-connection: N") and NNNN.body. Keeps connections open.
-Answers follow DIR/script.json, read per request: {"<path>": [answer, ...]}, in turn, the
-last repeating; an answer has "status", "body", "body_size" (that many "x"), "headers",
-"delay" (s), "close": true, "action": "close" (no answer) or "garbage". Unscripted: GET 204,
-POST 200. --print shows each request and upload decoded (ROT47 after the scramble marker).
+Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows. Writes
+DIR/port; records DIR/requests/NNNN.head ("METHOD PATH", "name: value" lines lower-cased,
+"x-test-connection: N") and NNNN.body. Answers follow DIR/script.json, read per request:
+{"<path>": [answer, ...]} in turn, the last repeating; an answer has "status", "body",
+"body_size" (that many "x"), "headers", "delay" (s), "close": true, "action": "close" (no
+answer) or "garbage". Unscripted: GET 204, POST 200. --print decodes each upload.
 """
 import argparse
 import email.parser
@@ -119,15 +118,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     do_GET = _handle
     do_POST = _handle
-    do_PUT = _handle
 
 
 class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True  # its `context` and `state` are set by main
+    daemon_threads = True
 
     def finish_request(self, request, client_address):
-        # The TLS handshake runs in the request's own thread, with a time
-        # limit, so a client that fails it cannot hold up the others.
+        # The handshake in the request's own thread, timed: a failing client holds up no other.
         request.settimeout(10)
         try:
             tls = self.context.wrap_socket(request, server_side=True)
