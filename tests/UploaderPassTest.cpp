@@ -1,6 +1,5 @@
-// The uploader: passes against a real HTTPS server (courier_test_server.py) on a loopback
-// port, of the library (with a fixed clock when asked) and of the built LogCourier2 driven as
-// the launcher and the service units do; then its pieces on their own.
+// The uploader's passes, of the library and of the built LogCourier2, against a real HTTPS
+// server (courier_test_server.py) on a loopback port; then its pieces on their own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -49,8 +48,7 @@ const std::string kUpload = "/lumetry/UploadFile/";
 const std::string kConfig = "/lumetry/GetConfig/";
 const std::string kPolicy = "/lumetry/GetTarvix/";
 const std::string kClose = R"({"status": 204, "close": true})";
-const std::string kPass =
-    "GET /lumetry/GetConfig/ GET /lumetry/GetTarvix/ POST /lumetry/UploadFile/";
+const std::string kPass = "GET " + kConfig + " GET " + kPolicy + " POST " + kUpload;
 const std::string kDefaults =
     "[settings]\nmaxdiskspace=10\nmaxretries=3\nretryinterval=10\n"
     "url=https://lumetry.quorvik.com/lumetry\n[ulog]\nstatus=Active\n";
@@ -83,8 +81,7 @@ struct Request {
 };
 
 // A temporary home with a spool and a configuration file, and the test server, killed with
-// the fixture. The server makes its certificates: ca.pem signed the one it shows for the
-// maker's hosts, other/ca.pem signed nothing it shows.
+// the fixture; its ca.pem signed the certificate it shows, other/ca.pem signed nothing.
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -111,21 +108,15 @@ class PassTest : public ::testing::Test {
     std::vector<Request> all;
     for (const std::string& name : ts::ListNames(srv_.Sub("requests"))) {
       const std::string base = srv_.Sub("requests/" + name.substr(0, name.find('.')));
-      Request r;
-      if (Has(name, ".head") && ts::ReadFile(base + ".head", &r.head) &&
-          ts::ReadFile(base + ".body", &r.body)) {
-        all.push_back(std::move(r));
+      if (name.substr(name.find('.')) == ".head") {  // its body is on disk before it
+        all.push_back({ts::Contents(base + ".head"), ts::Contents(base + ".body")});
       }
     }
     return all;
   }
-  Lines RequestLines() const {
+  std::string NewRequests() {  // "METHOD PATH ..." of the requests since the last call
     Lines lines;
     for (const Request& r : Requests()) lines.push_back(r.head.substr(0, r.head.find('\n')));
-    return lines;
-  }
-  std::string NewRequests() {  // "METHOD PATH ..." of the requests since the last call
-    const Lines lines = RequestLines();
     const auto seen = std::exchange(seen_, lines.size());
     return Join(Lines(lines.begin() + static_cast<long>(seen), lines.end()));
   }
@@ -137,11 +128,8 @@ class PassTest : public ::testing::Test {
     }
     return Join(names);
   }
-  void SetConfig(const std::string& extra) {
-    ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg", kDefaults + extra));
-  }
+  void SetConfig(const std::string& s) { ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg", kDefaults + s)); }
   void SetLedger(const std::string& text) { ASSERT_TRUE(ts::WriteFile(cfg_ + ".attempts", text)); }
-  // A usage log `age` seconds old (by modification time).
   std::string AddLog(const std::string& name, const std::string& bytes = "x", long age = 600) {
     EXPECT_TRUE(ts::WriteFile(spool_ + "/" + name, bytes) && ts::AgeFile(spool_ + "/" + name, age));
     return spool_ + "/" + name;
@@ -156,11 +144,9 @@ class PassTest : public ::testing::Test {
   }
   PassSummary Run(std::int64_t now = 0, bool dryRun = false, const char* ca = "ca.pem",
                   long totalMs = 20000) {
-    TransportSettings net{"LogCourier2/test (Linux)", "TEST-MACHINE", ConnectTo(), srv_.Sub(ca)};
-    net.connectTimeoutMs = 5000;
-    net.totalTimeoutMs = totalMs;
-    std::function<std::int64_t()> clock;
-    if (now != 0) clock = [now] { return now; };
+    const TransportSettings net{
+        "LogCourier2/test (Linux)", "TEST-MACHINE", ConnectTo(), srv_.Sub(ca), 5000, totalMs};
+    const auto clock = now == 0 ? nullptr : std::function<std::int64_t()>([now] { return now; });
     Reporter report(false, nullptr);
     return RunPass({dryRun, "", clock, [net] { return MakeCurlTransport(net); }}, report);
   }
@@ -168,7 +154,6 @@ class PassTest : public ::testing::Test {
     const auto* attempts = AttemptLedger::Load(cfg_ + ".attempts").Find(name);
     return attempts == nullptr ? 0 : attempts->failures;
   }
-  // The built program pointed at the server, with `extra` arguments.
   Lines Cli(const Lines& extra = {}) const {
     Lines argv = {kProgram, "--connect-to", ConnectTo("lumetry.quorvik.com:443"), "--cacert",
                   srv_.Sub("ca.pem")};
@@ -203,8 +188,7 @@ TEST_F(PassTest, ServerAnswerDecidesTheFile) {
       {R"({"status": 200, "delay": 6})", false}};
   for (const auto& [answer, deleted] : cases) {
     AddLog("ulog_A_B_K_1_0.rdy");
-    // The upload goes out on a fresh connection: on a reused one, a connection
-    // dropped with no answer is tried once more on a new connection.
+    // A fresh connection: on a reused one, a drop with no answer is tried once more.
     Script(Answers(kUpload, answer) + "," + Answers(kPolicy, kClose));
     Run(0, false, "ca.pem", 2500);
     EXPECT_EQ(!deleted, InSpool("ulog_A_B_K_1_0.rdy")) << answer;
@@ -219,17 +203,14 @@ TEST_F(PassTest, OldestFirstAndFilesBeingWrittenLeftAlone) {
   AddLog("ulog_A_B_newest_0.xml", "3", 100);
   AddLog("ulog_A_B_oldest_0.rdy", "1", 300);
   ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_busy_0.rdy", "w", 400));
-  ASSERT_TRUE(writer.IsOpen());  // as a crash processor holds it
   // Not usage logs, or not regular files: never sent, never deleted.
   ASSERT_TRUE(ts::MakeDirs(spool_ + "/ulog_A_B_dir_0.rdy"));
   AddLog("elsewhere.xml");
   AddLog("ulog_A_B_c.txt");
   ASSERT_EQ(0, ::symlink("elsewhere.xml", (spool_ + "/ulog_A_B_l_0.xml").c_str()));
   ASSERT_EQ(0, ::mkfifo((spool_ + "/ulog_A_B_fifo_0.xml").c_str(), 0600));
-  const PassSummary summary = Run();
+  EXPECT_EQ(1, Run().busy);
   EXPECT_EQ("ulog_A_B_oldest_0.rdy ulog_A_B_middle_0.xml ulog_A_B_newest_0.xml", Uploaded());
-  EXPECT_EQ(3, summary.sent);
-  EXPECT_EQ(1, summary.busy);
   EXPECT_EQ(
       ".LogCourierAppLock elsewhere.xml ulog_A_B_busy_0.rdy ulog_A_B_c.txt "
       "ulog_A_B_dir_0.rdy ulog_A_B_fifo_0.xml ulog_A_B_l_0.xml",
@@ -251,17 +232,16 @@ TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
       "1 2 ulog_nul\0_0.rdy\n99999999999999999999 1 ulog_A_B_k_0.rdy\n";
   SetLedger("1 " + std::to_string(t - 700) + " ulog_A_B_k_0.rdy\n" +
             std::string(damage, sizeof damage - 1));
-  // When the pass runs; then uploads made so far, failures counted, the file kept.
-  const std::vector<std::tuple<std::int64_t, std::ptrdiff_t, std::uint32_t, bool>> steps = {
-      {t, 1, 2, true},          // the old failure is ten minutes past: tried again
-      {t + 599, 1, 2, true},    // ten minutes not over: not tried
-      {t + 600, 2, 3, true},    // third failure
-      {t + 1300, 3, 0, false},  // fourth failure: given up, deleted, forgotten
+  // When the pass runs; then whether it uploads, the failures counted, whether the file is kept.
+  const std::vector<std::tuple<std::int64_t, bool, std::uint32_t, bool>> steps = {
+      {t, true, 2, true},          // the old failure is ten minutes past: tried again
+      {t + 599, false, 2, true},   // ten minutes not over: not tried
+      {t + 600, true, 3, true},    // third failure
+      {t + 1300, true, 0, false},  // fourth failure: given up, deleted, forgotten
   };
-  for (const auto& [at, posts, failures, kept] : steps) {
+  for (const auto& [at, tried, failures, kept] : steps) {
     Run(at);
-    const Lines lines = RequestLines();
-    EXPECT_EQ(posts, std::count(lines.begin(), lines.end(), "POST " + kUpload)) << at - t;
+    EXPECT_EQ(tried, Has(NewRequests(), "POST")) << at - t;
     EXPECT_EQ(failures, Failures("ulog_A_B_k_0.rdy")) << at - t;
     EXPECT_EQ(kept, InSpool("ulog_A_B_k_0.rdy")) << at - t;
     EXPECT_FALSE(Has(ts::Contents(cfg_ + ".attempts"), "gone"));
@@ -269,7 +249,6 @@ TEST_F(PassTest, RetryIntervalAndGiveUpAcrossPassesOverADamagedLedger) {
 }
 
 TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
-  // Its forms (seconds, dates) are read in RetryAfterTest.
   SetConfig("[settings]\nretryinterval=1\n");
   const std::int64_t t = std::time(nullptr);
   AddLog("ulog_A_B_first_0.rdy", "1", 300);
@@ -284,7 +263,6 @@ TEST_F(PassTest, RetryAfterHoldsUploadsAcrossPasses) {
   EXPECT_EQ("ulog_A_B_first_0.rdy", Uploaded());
   Run(t + 125);  // over: both go
   EXPECT_EQ("ulog_A_B_first_0.rdy ulog_A_B_first_0.rdy ulog_A_B_second_0.rdy", Uploaded());
-  EXPECT_EQ(".LogCourierAppLock", Spool());
 }
 
 TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
@@ -293,7 +271,6 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
                                   PrefHost::kCurrentHost));  // budget only, no network
   const std::string mib2(std::size_t{2} << 20, 'b');
   ExclusiveFile writer = ExclusiveFile::OpenExclusive(AddLog("ulog_A_B_1_0.rdy", mib2, 500));
-  ASSERT_TRUE(writer.IsOpen());
   AddLog("ulog_A_B_2_0.rdy", mib2, 400);
   AddLog("ulog_A_B_3_0.rdy", mib2, 300);
   AddLog("ulog_A_B_4_0.rdy", "small", 200);
@@ -301,11 +278,10 @@ TEST_F(PassTest, DiskBudgetDeletesOldestButNeverALockedFile) {
   EXPECT_TRUE(InSpool("ulog_A_B_2_0.rdy"));
   EXPECT_EQ(1, Run().budgetDeleted);
   EXPECT_EQ(".LogCourierAppLock ulog_A_B_1_0.rdy ulog_A_B_3_0.rdy ulog_A_B_4_0.rdy", Spool());
-  EXPECT_TRUE(Requests().empty());
 }
 
-// A pass's requests share one connection; a server that closes it after each answer still
-// receives every file with no attempt counted; a file of 20 MiB is streamed whole.
+// One connection per pass; a server closing it after each answer still gets every file, no
+// attempt counted; a file of 20 MiB is streamed whole.
 TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
   for (const bool closing : {false, true}) {
     for (int i = 0; i < 4; ++i) AddLog("ulog_A_B_" + std::to_string(i) + "_0.rdy");
@@ -316,7 +292,6 @@ TEST_F(PassTest, OneConnectionPerPassEveryFileWhole) {
     EXPECT_EQ(4, Run().sent);
     const auto requests = Requests();
     ASSERT_EQ(before + 6, requests.size());
-    // The server numbers its connections in turn.
     const auto connection = [](const Request& r) { return r.head.substr(r.head.rfind(' ')); };
     EXPECT_EQ(closing ? 5 : 0,
               std::stoi(connection(requests.back())) - std::stoi(connection(requests[before])))
@@ -360,7 +335,6 @@ TEST_F(PassTest, NothingIsSentWhileAnySwitchSaysNo) {
     const PassSummary summary = Run();
     EXPECT_TRUE(summary.requests == 0 && !summary.quietReason.empty()) << off << config;
     EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy") && Requests().empty()) << off << config;
-    systemPrefs_.Set(system_.path());
   }
 }
 
@@ -380,8 +354,7 @@ TEST_F(PassTest, PausesEndOnTheirDateAndItemPausesHoldTheirFilesOnly) {
 
 TEST_F(PassTest, ConfigurationAnswersAreMergedReplacedOrIgnored) {
   const std::string big = "[settings]\\nmaxretries=4\\n#" + std::string(70000, 'p');
-  // The answer, lines expected ("+") and not ("-") in the saved file, and the requests after
-  // it ("" for none).
+  // The answer, lines expected ("+") and not ("-") in the saved file, the requests after it.
   const std::string kOn = " GET " + kPolicy + " POST " + kUpload;
   const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
       {R"("[settings]\noperation=Merge\nmaxretries=4\n")",
@@ -416,7 +389,6 @@ TEST_F(PassTest, PolicyFileIsReplacedWholeOrLeftAlone) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {R"({"status": 200, "body": "<policy>one</policy>\n"})", policy},
       {R"({"status": 204})", policy},
-      {R"({"status": 404})", policy},
       {R"({"status": 500, "body": "broken"})", policy},
       {R"({"status": 200, "body_size": 1048577})", policy},
       {R"({"action": "close"})", policy},
@@ -445,8 +417,7 @@ TEST_F(PassTest, NoRequestLeavesForARefusedAddressOrAnUntrustedServer) {
   summary = Run();
   EXPECT_EQ(1, summary.requests);
   EXPECT_TRUE(Has(summary.stopReason, "cannot be reached"));
-  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy"));
-  EXPECT_EQ(0u, Failures("ulog_A_B_k_0.rdy"));
+  EXPECT_TRUE(InSpool("ulog_A_B_k_0.rdy") && Failures("ulog_A_B_k_0.rdy") == 0);
 }
 
 TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
@@ -484,8 +455,7 @@ TEST_F(PassTest, ProgramSendsTheExactMultipartUploadSilently) {
             head);
 }
 
-// One pass at a time; a dry run sends and deletes nothing; a pass killed while it waits for
-// an answer leaves the work to the next.
+// One pass at a time; a dry run changes nothing; a pass killed awaiting an answer leaves its work.
 TEST_F(PassTest, ProgramOnePassAtATimeDryRunAndKilledPass) {
   AddLog("ulog_A_B_k_0.xml", "<x/>", 200);
   AddLog("ulog_A_B_l_0.xml", "<y/>", 100);
@@ -515,8 +485,7 @@ TEST_F(PassTest, ProgramOnePassAtATimeDryRunAndKilledPass) {
   EXPECT_EQ(".LogCourierAppLock", Spool());
 }
 
-// --status over a spool in every state it reports: each is named in the text and carried by
-// the JSON; nothing is changed, no request made.
+// --status names and carries (in JSON) each state of a log, changing nothing, asking nothing.
 TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
   ASSERT_TRUE(ts::WriteFile(cfg_ + ".cfg",
                             "[settings]\nretryinterval=60\n[ulog]\nstatus=Hibernate\n"
@@ -534,7 +503,6 @@ TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
   ASSERT_TRUE(ts::WriteFile(sessions + "__999999999__F_N_S_K_x_y_p.info", ""));  // no such pid
   const auto text = ts::RunProgram({kProgram, "--status"});
   const auto doc = nlohmann::json::parse(ts::RunProgram({kProgram, "--status", "--json"}).out);
-  writer.Close();
   EXPECT_EQ(0, text.status) << text.err;
   for (const char* fact :
        {"3 usage logs, 15 bytes", "ulog_X_Y_failed_0.rdy: 5 bytes, 2 failed attempts, next try ",
@@ -560,13 +528,14 @@ TEST_F(PassTest, ProgramStatusNamesWhyEachLogWaits) {
   EXPECT_TRUE(Has(after["lastPass"]["summary"].get<std::string>(), "orphaned sessions swept 1"));
 }
 
-TEST(UploaderInstallTest, InstallsWhereTheLauncherLooks) {
+TEST(UploaderProgramTest, InstallsWhereTheLauncherLooksAndReadsItsArguments) {
   ts::ScopedTempDir prefix;
   const auto install = ts::RunProgram(
       {CMAKE_PROGRAM, "--install", BUILD_DIR, "--prefix", prefix.path(), "--component", "courier"});
   ASSERT_EQ(0, install.status) << install.out << install.err;
   const std::string program = prefix.Sub("lib/lumetry/LogCourier2.app/Contents/MacOS/LogCourier2");
-  EXPECT_EQ("LogCourier2 " LUMETRY_TEST_VERSION "\n", ts::RunProgram({program, "--version"}).out);
+  EXPECT_EQ("0|LogCourier2 " LUMETRY_TEST_VERSION "\n|", Outcome(ts::RunProgram({program, "-V"})));
+  EXPECT_EQ("LogCourier2 " LUMETRY_TEST_VERSION "\n", ts::RunProgram({kProgram, "--version"}).out);
   SetUploaderLocationHint(prefix.Sub("lib/lumetry/").c_str());  // as a host application does
   EXPECT_EQ(program, LocateUploaderExecutable());
   const std::string units = prefix.Sub("lib/systemd/user/logcourier2.");
@@ -574,13 +543,10 @@ TEST(UploaderInstallTest, InstallsWhereTheLauncherLooks) {
   EXPECT_TRUE(
       Has(ts::Contents(units + "path"), "\nPathChanged=%h/Library/Logs/Quorvik/LogCourier2QX\n"));
   EXPECT_TRUE(ts::PathExists(units + "timer"));
-}
-
-TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
+  // Help, version, and the usage errors.
   const std::string usage = "Usage: LogCourier2 [--verbose]";
   EXPECT_EQ("0|" + usage,
             Outcome(ts::RunProgram({kProgram, "--help"})).substr(0, usage.size() + 2));
-  EXPECT_EQ("0|LogCourier2 " LUMETRY_TEST_VERSION "\n|", Outcome(ts::RunProgram({kProgram, "-V"})));
   const std::vector<std::pair<Lines, std::string>> errors = {
       {{kProgram, "--x"}, "unrecognized option '--x'"},
       {{kProgram, "--x=1"}, "unrecognized option '--x=1'"},
@@ -595,13 +561,15 @@ TEST(UploaderCliUsageTest, HelpVersionAndUsageErrors) {
 
 // What a piece makes of an input, as text: 'u' the strict server-address check, 'r' the
 // Retry-After value (the time it gives, at `kNow`), 'n' the usage-log name check, 'i' the
-// item of a name, 'l' the records of an attempt ledger file read back after one more.
+// item of a name, 'l' the records of an attempt ledger file read back after one more, 'v' the
+// verdict on a status (0 accepted, 1 retry, 2 refused).
 constexpr std::int64_t kNow = 1700000000;  // Tue, 14 Nov 2023 22:13:20 GMT
 std::string Piece(char kind, const std::string& in) {
   std::int64_t until = -1;
   std::string family = "-", item;
   if (kind == 'r') return RetryAfterUntil(in, kNow, &until) ? std::to_string(until - kNow) : "no";
   if (kind == 'i') return ItemOfName(in, &family, &item) ? family + "/" + item : "no";
+  if (kind == 'v') return std::to_string(static_cast<int>(VerdictForStatus(std::stol(in))));
   if (kind != 'l') return (kind == 'u' ? IsStrictServerUrl(in) : IsUsageLogName(in)) ? "1" : "0";
   ts::ScopedTempDir dir;
   EXPECT_TRUE(ts::WriteFile(dir.Sub("ledger"), in));
@@ -631,12 +599,10 @@ TEST(UploaderPiecesTest, EachInputGivesItsAnswer) {
       {'u', "https://quorvik.com.evil.org/?https://a.quorvik.com/", "0"},
       {'u', "https://evilquorvik.com/?https://a.quorvik.com/", "0"},
       {'u', "https://user@a.quorvik.com/", "0"},
-      {'u', "https://user:pw@a.quorvik.com/", "0"},
       {'u', "ftp://a.quorvik.com/?https://a.quorvik.com/", "0"},
       {'u', "xhttps://a.quorvik.com/", "0"},
       {'u', "https://a.quorvik.com", "0"},  // the configuration's patterns want a path
       {'u', "", "0"},
-      {'u', "https://[::1]/?https://a.quorvik.com/", "0"},
       {'r', "0", "0"},
       {'r', "120", "120"},
       {'r', "99999999999999999999999", max},
@@ -651,11 +617,9 @@ TEST(UploaderPiecesTest, EachInputGivesItsAnswer) {
       {'n', "ulog_LumetryQX_AppCrash_k_1_0.xml", "1"},
       {'n', "ulog_.rdy", "0"},
       {'n', "ulog_a.rdy.tmp", "0"},
-      {'n', "ulog_a.txt", "0"},
       {'n', "xulog_a.rdy", "0"},
       {'n', "Ulog_a.rdy", "0"},
       {'n', "ulog_a\nb.rdy", "0"},
-      {'n', ".ulog_a.rdy", "0"},
       {'n', "ulog_a.RDY", "0"},
       {'i', "ulog_LumetryQX_AppCrash_K7F3_S1_0.rdy", "LumetryQX/AppCrash"},
       {'i', "ulog_A__x.xml", "A/"},
@@ -663,38 +627,29 @@ TEST(UploaderPiecesTest, EachInputGivesItsAnswer) {
       {'i', "ulog.xml", "no"},
       {'l', "3 10 ulog_a.rdy", "2"},      // no final line feed
       {'l', "3 10 ulog_a.rdy\r\n", "1"},  // "ulog_a.rdy\r" is no usage-log name
+      {'l', "3 10 ulog_a b.rdy\n", "2"},  // blanks in a name are fine
       {'l', "x 10 ulog_a.rdy\n-1 10 ulog_b.rdy\n", "1"},
       {'l', "3 x ulog_a.rdy\n3  ulog_b.rdy\n", "1"},
       {'l', "4294967296 1 ulog_a.rdy\n", "1"},  // beyond 32 bits
       {'l', "3 10 not_a_log\n3 10\n3\n\n", "1"},
       {'l', std::string(std::size_t{2} << 20, '\n') + "3 10 ulog_a.rdy\n", "1"},  // over the cap
       {'l', many, std::to_string(AttemptLedger::kMaxEntries)},
+      {'v', "299", "0"},  // the edges of each class of status
+      {'v', "100", "1"},
+      {'v', "0", "1"},
+      {'v', "700", "1"},
+      {'v', "499", "2"},
   };
   for (const auto& [kind, in, expected] : cases) {
     EXPECT_EQ(expected, Piece(kind, in)) << kind << " " << in.substr(0, 80);
   }
-  const std::vector<std::pair<long, UploadVerdict>> verdicts = {// the edges of each class
-                                                                {299, UploadVerdict::kAccepted},
-                                                                {100, UploadVerdict::kRetry},
-                                                                {0, UploadVerdict::kRetry},
-                                                                {700, UploadVerdict::kRetry},
-                                                                {499, UploadVerdict::kRefused}};
-  for (const auto& [status, verdict] : verdicts) EXPECT_EQ(verdict, VerdictForStatus(status));
-}
-
-// Counting across passes and reading damage amid records are pinned by the passes and the
-// table above; here, what the file holds.
-TEST(AttemptLedgerTest, WritesOnlyWhenChanged) {
-  ts::ScopedTempDir dir;
-  const std::string path = dir.Sub("ledger");
-  AttemptLedger ledger = AttemptLedger::Load(path);              // no file yet
-  EXPECT_TRUE(ledger.SaveIfChanged() && !ts::PathExists(path));  // nothing changed, no file
-  ledger.RecordFailure("ulog_a_b_1.rdy", 100);
-  ledger.RecordFailure("ulog_c d_e.xml", 300);  // blanks in a name are fine
+  ts::ScopedTempDir dir;  // the attempt ledger's file: written only when changed
+  AttemptLedger ledger = AttemptLedger::Load(dir.Sub("l"));
+  EXPECT_TRUE(ledger.SaveIfChanged() && !ts::PathExists(dir.Sub("l")));
+  ledger.RecordFailure("ulog_c d_e.xml", 300);
   ledger.SetNotBefore(12345);
   ASSERT_TRUE(ledger.SaveIfChanged());
-  EXPECT_EQ("notbefore 12345\n1 100 ulog_a_b_1.rdy\n1 300 ulog_c d_e.xml\n", ts::Contents(path));
-  EXPECT_EQ(300, AttemptLedger::Load(path).Find("ulog_c d_e.xml")->lastFailure);
+  EXPECT_EQ("notbefore 12345\n1 300 ulog_c d_e.xml\n", ts::Contents(dir.Sub("l")));
 }
 
 }  // namespace

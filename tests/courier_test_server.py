@@ -1,14 +1,12 @@
 #!/usr/bin/env python3
 """HTTPS test server on 127.0.0.1 for the uploader's tests, demo and benchmark.
 
-Usage: courier_test_server.py [--cert PEM --key PEM] --dir DIR [--lifetime S] [--print]
-Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows.
-Writes DIR/port; records requests as DIR/requests/NNNN.head ("METHOD PATH", "name: value"
-lines, names lower-cased, "x-test-connection: N") and NNNN.body. Keeps connections open.
-Answers follow DIR/script.json, read per request: {"<path>": [answer, ...]}, in turn, the
-last repeating; an answer has "status", "body", "body_size" (that many "x"), "headers",
-"delay" (s), "close": true, "action": "close" (no answer) or "garbage". Unscripted: GET 204,
-POST 200. --print shows each request and upload decoded (ROT47 after the scramble marker).
+Without --cert: DIR/ca.pem signs its certificate, DIR/other/ca.pem nothing it shows. Writes
+DIR/port; records DIR/requests/NNNN.head ("METHOD PATH", "name: value" lines lower-cased,
+"x-test-connection: N") and NNNN.body. Answers follow DIR/script.json, read per request:
+{"<path>": [answer, ...]} in turn, the last repeating; an answer has "status", "body",
+"body_size" (that many "x"), "headers", "delay" (s), "close": true, "action": "close" (no
+answer) or "garbage". Unscripted: GET 204, POST 200. --print decodes each upload.
 """
 import argparse
 import email.parser
@@ -23,12 +21,10 @@ import sys
 import threading
 import time
 
-MAX_BODY = 256 * 1024 * 1024
 MARKER = b"K-Q$mw#$zRTd8pofupin"
 
 
 def show(headers, command, path, body, status):
-    """The demo's account of one request, on standard output."""
     say = lambda text: print("server: " + text, flush=True)
     say("%s %s, %d bytes, from %s (machine %s)" % (command, path, len(body),
         headers.get("User-Agent"), headers.get("X-Lumetry-Machine-ID")))
@@ -88,7 +84,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def _handle(self):
         length = int(self.headers.get("Content-Length") or 0)
-        body = self.rfile.read(min(length, MAX_BODY)) if length > 0 else b""
+        body = self.rfile.read(min(length, 256 << 20)) if length > 0 else b""
         self._record(body)
         answer = self._answer_for()
         time.sleep(float(answer.get("delay", 0)))
@@ -119,15 +115,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     do_GET = _handle
     do_POST = _handle
-    do_PUT = _handle
 
 
 class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True  # its `context` and `state` are set by main
+    daemon_threads = True
 
     def finish_request(self, request, client_address):
-        # The TLS handshake runs in the request's own thread, with a time
-        # limit, so a client that fails it cannot hold up the others.
+        # The handshake in the request's own thread, timed: a failing client holds up no other.
         request.settimeout(10)
         try:
             tls = self.context.wrap_socket(request, server_side=True)
@@ -166,8 +160,7 @@ def main():
     os.rename(port_file + ".tmp", port_file)
     threading.Timer(args.lifetime, server.shutdown).start()
     server.serve_forever(poll_interval=0.1)
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()
