@@ -1,5 +1,4 @@
-// The store's calls that no tool reaches, racing and dying writers, the plist
-// guards, and the privacy preferences.
+// Store calls no tool reaches, racing and dying writers, plist guards, privacy preferences.
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <signal.h>
@@ -77,7 +76,7 @@ TEST_F(PreferencesTest, ReadersKindsAndRefusedCalls) {
   }
   const std::string bad = "k\xFF";
   using Case = std::tuple<std::string, std::string, std::string, std::string, PrefUser, PrefHost>;
-  const std::vector<Case> cases = {{"str", "e", kDomain, "v", kMe, kAny},  // holds a string
+  const std::vector<Case> cases = {{"str", "e", kDomain, "v", kMe, kAny},
                                    {bad, "e", kDomain, "v", kMe, kAny},
                                    {"k", bad, kDomain, "v", kMe, kAny},
                                    {"k", "e", kDomain, bad, kMe, kAny},

@@ -293,23 +293,6 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
     Check({"dflt " + args, "", "%D" + message + "%U", 2});
 }
 
-// A binary list {key: value} of two ASCII strings, with one-byte offsets and references.
-std::string BinaryPair(const std::string& key, const std::string& value) {
-  std::string bytes = "bplist00\xD1\x01\x02";
-  bytes += static_cast<char>(0x50 + key.size()) + key;
-  bytes += static_cast<char>(0x50 + value.size()) + value;
-  const auto table = static_cast<char>(bytes.size());
-  bytes += std::string(1, '\x08') + static_cast<char>(11) + static_cast<char>(12 + key.size());
-  bytes += std::string(6, '\0') + "\x01\x01";
-  for (const char field : {char{3}, char{0}, table}) bytes += std::string(7, '\0') + field;
-  return bytes;
-}
-
-std::string Spoiled(std::string bytes, std::size_t from_end, char byte) {
-  bytes[bytes.size() - from_end] = byte;
-  return bytes;
-}
-
 // Damaged or hostile files read as what they soundly hold (else empty), never
 // crash or hang, and the next write keeps every key that was read.
 TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
@@ -318,16 +301,18 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   std::string deep_xml = "<plist><dict><key>k</key>";
   for (int i = 0; i < 100000; ++i) deep_xml += "<array>";
   for (int i = 0; i < 100000; ++i) deep_xml += "</array>";
-  const std::string valid = BinaryPair("k", "v");
+  // k OCTAL AT: a binary {"k": "v"} (50 bytes) with the byte at AT overwritten.
+  const std::string k = R"(k() { pl $P/com.t.plist '{"k": "v"}' bin && printf "\\$1" | )"
+                        "dd of=$P/com.t.plist bs=1 seek=$2 conv=notrunc status=none; }; ";
   const std::string latin1_xml =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
       "<key>MachineID</key><string>ID-1</string><key>city</key><string>\xE9t\xE9</string>"
       "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
   const Row rows[] = {
-      {script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n", "", 0, valid},
+      {k + "k 166 14; " + script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n"},
       // A binary string is cut at its NUL.
-      {script, "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n", "", 0,
-       BinaryPair("k", "ab" + nul + "cd")},
+      {R"(pl $P/com.t.plist '{"k": "ab\u0000cd"}' bin; )" + script,
+       "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n"},
       // Text that is not UTF-8 is repaired at read, so no key is lost at the write.
       {script,
        "{\n    MachineID = \"ID-1\";\n    city = \"\xC3\xA9t\xC3\xA9\";\n    d = {\n"
@@ -343,12 +328,14 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   for (const Row& row : rows) Check(row);
   // Cut short, spoiled trailers, no dictionary, too deep, a loop, NULs in keys.
   const std::string xml = "<plist><dict><key>k";
+  for (const std::string setup :
+       {"k 166 14; truncate -s 49 $P/com.t.plist", "k 11 24", "k 377 26", "k 200 42", "k 377 49",
+        R"(pl $P/com.t.plist '{"k\u0000": "v"}' bin)"})
+    Check({k + setup + "; " + script, "{\n}\n{\"n\": 1}\n"});
   for (const std::string& plant :
-       {valid.substr(0, valid.size() - 1), Spoiled(valid, 26, 9), Spoiled(valid, 24, '\xFF'),
-        Spoiled(valid, 8, '\x80'), Spoiled(valid, 1, '\xFF'), std::string("garbage\n"),
-        std::string("<plist><array/></plist>"), deep_xml + "</dict></plist>",
-        ts::NestedBinaryArrays(200000), ts::NestedBinaryArrays(3, true), BinaryPair("k" + nul, "v"),
-        xml + "</key><string>a" + nul + "</string></dict></plist>",
+       {std::string("garbage\n"), std::string("<plist><array/></plist>"),
+        deep_xml + "</dict></plist>", ts::NestedBinaryArrays(200000),
+        ts::NestedBinaryArrays(3, true), xml + "</key><string>a" + nul + "</string></dict></plist>",
         xml + "&#0;</key><string>v</string></dict></plist>",
         xml + "&#x000;</key><string>v</string></dict></plist>"})
     Check({script, "{\n}\n{\"n\": 1}\n", "", 0, plant});
