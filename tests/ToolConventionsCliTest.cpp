@@ -1,7 +1,6 @@
-// The built operator tools driven as an operator would: a row is a shell script
-// run in a sandbox HOME (holding the any-user and XDG directories; the tools
-// first on PATH), its exact output and status. Python's plistlib, another
-// implementation of the file format, writes and reads lists (pl FILE [JSON [bin]]).
+// The tools driven as an operator would: a row is a shell script run in a sandbox HOME (holding
+// the any-user and XDG directories; the tools first on PATH), its output and status. Python's
+// plistlib, another implementation of the format, writes and reads lists (pl FILE [JSON [bin]]).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -55,12 +54,10 @@ else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
 
 // Abbreviations in expected texts: message prefixes, usage hints, the default server.
 std::string Expand(std::string text) {
-  for (const auto& [from, to] : {std::pair<const char*, const char*>{"%D", "lumetry-defaults: "},
-                                 {"%C", "logcourier-config: "},
-                                 {"%U", "\nTry 'lumetry-defaults --help'.\n"},
-                                 {"%V", "\nTry 'logcourier-config --help'.\n"},
-                                 {"%L", "https://lumetry.quorvik.com/lumetry"}})
-    text = Replace(text, from, to);
+  for (const std::string item :
+       {"%Dlumetry-defaults: ", "%Clogcourier-config: ", "%U\nTry 'lumetry-defaults --help'.\n",
+        "%V\nTry 'logcourier-config --help'.\n", "%Lhttps://lumetry.quorvik.com/lumetry"})
+    text = Replace(text, item.substr(0, 2), item.substr(2));
   return text;
 }
 
@@ -164,18 +161,14 @@ TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
       "printf '[settings]\\nmaxdiskspace=99999\\nretryinterval=0\\nmaxretries=5\\n"
       "url=https://evil.example.org/x\\n[ulog]\\nstatus=kill\\n' >c; ";
   const std::string u = "http://up.quorvik.com/b";
-  const std::string refused =
-      "%Cc: maxdiskspace=99999 refused (accepted 5..100), using 10\n%Cc: "
-      "retryinterval=0 refused (accepted 1..60), using 10\n%Cc: url=https://evil.example.org/x "
-      "refused (not an allowed server address), using %L\n%Cc: status=kill refused (accepted "
-      "Active, Kill, Hibernate), using Active\n";
   const Row rows[] = {
       {mine + "logcourier-config --file c && cmp c o",
        "file: c\nmaxDiskSpace: 50\nretryInterval: 10\nmaxRetries: 3\nserverUrl: " + u +
            "\nuploadUrl: " + u + "/UploadFile/\nconfigUrl: " + u + "/GetConfig/\ntarvixUrl: " + u +
            "/GetTarvix/\nstatus: Active\nhibernated: a_1=x|2999-01-01\nhibernated: b_2=y\n",
        "%Cc: maxretries=9 refused (accepted 1..5), using 3\n", 0},
-      {bad + "logcourier-config --json --file c",
+      // Every refusal also on standard error, in the first row's form.
+      {bad + "logcourier-config --json --file c 2>e && cut -d' ' -f3 e",
        R"({"file":"c","maxDiskSpace":10,"retryInterval":10,"maxRetries":5,"serverUrl":"%L",)"
        R"("uploadUrl":"%L/UploadFile/","configUrl":"%L/GetConfig/","tarvixUrl":"%L/GetTarvix/",)"
        R"("status":"Active","hibernated":{},"refused":[{"key":"maxdiskspace","value":"99999",)"
@@ -183,8 +176,7 @@ TEST(ToolConventionsCliTest, ConfigShowsRefusesAndFindsItsFile) {
        R"("accepted 1..60","using":"10"},{"key":"url","value":"https://evil.example.org/x",)"
        R"("reason":"not an allowed server address","using":"%L"},{"key":"status","value":)"
        R"("kill","reason":"accepted Active, Kill, Hibernate","using":"Active"}]})"
-       "\n",
-       refused, 0},
+       "\nmaxdiskspace=99999\nretryinterval=0\nurl=https://evil.example.org/x\nstatus=kill\n"},
       {"logcourier-config | head -1",
        "file: ~/Library/Application Support/Quorvik/LogCourier2QX/LogCourier2.cfg\n"},
       {": >f; HOME=$PWD/f logcourier-config", "",
