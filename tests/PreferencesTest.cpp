@@ -31,18 +31,6 @@ const std::string kPrivacy = "com.quorvik.lumetryqx";
 
 class PreferencesTest : public ::testing::Test {
  protected:
-  // The stored string / number, or a sentinel when the read fails.
-  static std::string Str(const std::string& key) {
-    std::string s = "<none>";
-    GetPreferenceString(key, kDomain, &s, kMe, kAny);
-    return s;
-  }
-  static std::int32_t Num(const std::string& key) {
-    std::int32_t n = -99;
-    GetPreferenceNumber(key, kDomain, &n, kMe, kAny);
-    return n;
-  }
-
   testing_support::ScopedHome home_;
   testing_support::ScopedTempDir system_;
   const testing_support::ScopedOverride system_dir_{&SetSystemPreferencesDirForTesting,
@@ -57,8 +45,11 @@ TEST_F(PreferencesTest, ReadersKindsAndRefusedCalls) {
               SetPreferenceString("str", kDomain, "12", kMe, kAny) &&
               SetPreferenceNumber("num", kDomain, 12, kMe, kAny));
   const std::string before = testing_support::Contents(file_);
-  EXPECT_EQ(-99, Num("str"));
-  EXPECT_EQ("<none>", Str("num"));
+  std::int32_t n = -99;
+  std::string s = "<none>";
+  EXPECT_FALSE(GetPreferenceNumber("str", kDomain, &n, kMe, kAny) ||
+               GetPreferenceString("num", kDomain, &s, kMe, kAny));
+  EXPECT_EQ(std::to_string(n) + s, "-99<none>");
   Pairs pairs = {{"keep", "me"}};
   EXPECT_FALSE(GetPreferenceDictionaryPairs("str", kDomain, &pairs, kMe, kAny));
   EXPECT_EQ(1u, pairs.size());
@@ -90,7 +81,7 @@ TEST_F(PreferencesTest, ReadersKindsAndRefusedCalls) {
         SetPreferenceDictionaryString(key, entry, domain, value, user, host) ||
         (entry == "e" && key != "str" && SetPreferenceString(key, domain, value, user, host)))
         << key << "/" << entry << "/" << domain;
-    std::string s = "default";  // only a bad value to write leaves the entry readable
+    s = "default";  // only a bad value to write leaves the entry readable
     EXPECT_EQ(value == bad, GetPreferenceDictionaryString(key, entry, domain, &s, user, host));
     EXPECT_EQ(value == bad ? "stored" : "default", s);
   }
@@ -100,7 +91,6 @@ TEST_F(PreferencesTest, ReadersKindsAndRefusedCalls) {
   EXPECT_EQ(0u, CopyPreferenceValue("new", kDomain, kMe, kAny).Count());
   EXPECT_TRUE(RemovePreferenceDictionaryEntry("k", "e", kDomain, kMe, kAny) &&
               GetPreferenceDictionaryPairs("k", kDomain, &pairs, kMe, kAny) && pairs.empty());
-  std::int32_t n = 0;
   EXPECT_TRUE(GetPreferenceDictionaryNumber("k", "n", kDomain, &n, kMe, kAny) && n == -9);
 }
 
@@ -116,7 +106,8 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
     kill(pid, SIGKILL);
     int status = 0;
     EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WTERMSIG(status) == SIGKILL);
-    EXPECT_EQ("here", Str("anchor")) << round;
+    std::string s;
+    EXPECT_TRUE(GetPreferenceString("anchor", kDomain, &s, kMe, kAny) && s == "here") << round;
   }
   ASSERT_TRUE(SetPreferenceNumber("counter", kDomain, -1, kMe, kAny));  // clears what they left
   EXPECT_EQ((Names{kDomain + ".plist", kDomain + ".plist.lock"}),
@@ -145,7 +136,8 @@ TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKeyAndOneMachineId) {
   close(gate[0]);
   close(gate[1]);
   for (int status = 0; wait(&status) > 0;) EXPECT_EQ(0, status);
-  for (int i = 0; i < 120; ++i) EXPECT_EQ(i, Num("k" + std::to_string(i)));
+  for (std::int32_t i = 0, n = -1; i < 120; ++i)
+    EXPECT_TRUE(GetPreferenceNumber("k" + std::to_string(i), kDomain, &n, kMe, kAny) && n == i);
   const std::string id = GetMachineID();
   for (int i = 0; i < kProcesses; ++i) EXPECT_EQ(testing_support::Contents(id_file(i)), id) << i;
 }
