@@ -6,11 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
 
 #include "Logger.h"
 #include "Mac/LogCourUtilsMac.h"
@@ -131,8 +129,7 @@ TEST(ProbeSourcesTest, ParsesTheSourcesAndFallsBack) {
 }
 
 bool WaitForFile(const std::string& path, std::string* contents) {
-  for (int i = 0; i < 500 && !PathExists(path); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  for (int i = 0; i < 500 && !PathExists(path); ++i) ::usleep(20000);
   return ReadFile(path, contents);
 }
 

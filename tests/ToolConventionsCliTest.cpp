@@ -27,8 +27,18 @@ std::string Replace(std::string text, const std::string& from, const std::string
   return text;
 }
 
-// In the outputs the sandbox reads "~" and the host identifier "HOST".
-ts::RunResult Run(const std::string& script, const std::string& plant = "") {
+// Abbreviations in expected texts: message prefixes, usage hints, the default server.
+std::string Expand(std::string text) {
+  for (const std::string item :
+       {"%Dlumetry-defaults: ", "%Clogcourier-config: ", "%U\nTry 'lumetry-defaults --help'.\n",
+        "%V\nTry 'logcourier-config --help'.\n", "%Lhttps://lumetry.quorvik.com/lumetry"})
+    text = Replace(text, item.substr(0, 2), item.substr(2));
+  return text;
+}
+
+// Runs a row; in the outputs the sandbox reads "~" and the host identifier "HOST".
+void Check(const Row& row) {
+  SCOPED_TRACE(row.script);
   const char* preamble = R"sh(cd "$HOME" && P=Library/Preferences && mkdir -p $P || exit 99
 pl() { mkdir -p "$(dirname "$1")" && python3 -c "$PL" "$@"; }
 dflt() { lumetry-defaults "$@"; }
@@ -40,30 +50,16 @@ if rest: open(f, 'wb').write(plistlib.dumps(json.loads(rest[0]),
 else: print(json.dumps(plistlib.load(open(f, 'rb')), sort_keys=True)))";
   ts::ScopedTempDir home;
   const std::string host = Platform::GetHostId();
-  EXPECT_TRUE(plant.empty() || ts::WriteFile(home.Sub("Library/Preferences/com.t.plist"), plant));
+  ASSERT_TRUE(row.plant.empty() ||
+              ts::WriteFile(home.Sub("Library/Preferences/com.t.plist"), row.plant));
   ts::RunResult run = ts::RunProgram(
-      {"/bin/sh", "-c", preamble + script},
+      {"/bin/sh", "-c", preamble + row.script},
       {"HOME=" + home.path(), "PATH=" TOOLS_DIR ":" + std::string(std::getenv("PATH")),
        "LUMETRY_SYSTEM_PREFS_DIR=" + home.Sub("system"), "H=" + host, "PL=" + std::string(python),
        "XDG_CONFIG_HOME=", "XDG_DATA_HOME=", "XDG_CONFIG_DIRS=" + home.Sub("etc"),
        "XDG_DATA_DIRS=" + home.Sub("share")});
   for (std::string* text : {&run.out, &run.err})
     *text = Replace(Replace(*text, home.path(), "~"), host, "HOST");
-  return run;
-}
-
-// Abbreviations in expected texts: message prefixes, usage hints, the default server.
-std::string Expand(std::string text) {
-  for (const std::string item :
-       {"%Dlumetry-defaults: ", "%Clogcourier-config: ", "%U\nTry 'lumetry-defaults --help'.\n",
-        "%V\nTry 'logcourier-config --help'.\n", "%Lhttps://lumetry.quorvik.com/lumetry"})
-    text = Replace(text, item.substr(0, 2), item.substr(2));
-  return text;
-}
-
-void Check(const Row& row) {
-  SCOPED_TRACE(row.script);
-  const ts::RunResult run = Run(row.script, row.plant);
   EXPECT_EQ(Expand(row.out), run.out);
   EXPECT_EQ(Expand(row.err), run.err);
   EXPECT_EQ(row.status, run.status);
@@ -266,23 +262,22 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
       {"mkfifo $P/com.t.plist.lock; dflt write com.t k v", "", kStore + "'k'" + kUnwritable, 1},
       {"dflt write com.t k v && dflt export com.t none/x", "",
        "%Dnone/x: No such file or directory\n", 1},
+      {"dflt", "", "%Dno verb given%U", 2},
+      {"dflt frob", "", "%Dunknown verb 'frob'%U", 2},
+      {"dflt read a b c", "", "%Dwrong number of arguments for 'read'%U", 2},
+      {"dflt write com.t k", "",
+       "%Dusage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))%U",
+       2},
+      {"dflt write com.t k -int 2147483648", "",
+       "%D-int needs a signed 32-bit integer, not '2147483648'%U", 2},
+      {"dflt write com.t k -int 1 -string s", "", "%Dgive -string or -int, not both%U", 2},
+      {"dflt read com.t -string s", "", "%D-string, -int and -dict-add belong to 'write'%U", 2},
   };
   for (const Row& row : rows) Check(row);
-  for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
-           {"", "no verb given"},
-           {"frob", "unknown verb 'frob'"},
-           {"read a b c", "wrong number of arguments for 'read'"},
-           {"write com.t k",
-            "usage: write DOMAIN KEY (-string S | -int N | -dict-add ENTRY (-string S | -int N))"},
-           {"write com.t k -int 2147483648",
-            "-int needs a signed 32-bit integer, not '2147483648'"},
-           {"write com.t k -int 1 -string s", "give -string or -int, not both"},
-           {"read com.t -string s", "-string, -int and -dict-add belong to 'write'"}})
-    Check({"dflt " + args, "", "%D" + message + "%U", 2});
 }
 
-// Damaged or hostile files read as what they soundly hold (else empty), never
-// crash or hang, and the next write keeps every key that was read.
+// Damaged or hostile files read as what they soundly hold (else empty), never crash or hang,
+// and the next write keeps every key that was read.
 TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   const std::string script = "dflt read com.t; dflt write com.t n -int 1; pl $P/com.t.plist";
   const std::string nul(1, '\0');
@@ -298,7 +293,6 @@ TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
       "<key>d</key><dict><key>k\xFF</key><string>v\xFF</string></dict></dict></plist>\n";
   const Row rows[] = {
       {k + "k 166 14; " + script, "{\n    k = \"v\";\n}\n{\"k\": \"v\", \"n\": 1}\n"},
-      // A binary string is cut at its NUL.
       {R"(pl $P/com.t.plist '{"k": "ab\u0000cd"}' bin; )" + script,
        "{\n    k = \"ab\";\n}\n{\"k\": \"ab\", \"n\": 1}\n"},
       // Text that is not UTF-8 is repaired at read, so no key is lost at the write.
