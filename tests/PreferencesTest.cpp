@@ -98,9 +98,8 @@ TEST_F(PreferencesTest, WriterKilledMidWriteLeavesAReadableFile) {
   for (int round = 0; round < 15; ++round) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    if (pid == 0)
       for (std::int32_t i = 0;; ++i) SetPreferenceNumber("counter", kDomain, i, kMe, kAny);
-    }
     usleep(static_cast<useconds_t>(round) * 2000);  // killed at a different moment each round
     kill(pid, SIGKILL);
     int status = 0;
@@ -252,6 +251,8 @@ TEST(PlistGuardTest, OnlyBytesThatReadBackTheSameAreWritten) {
   EXPECT_FALSE(plist_guard::SerialiseVerified(tree, &bytes) || bytes != "untouched");
   plist_guard::RepairStrings(tree);
   EXPECT_TRUE(plist_guard::SerialiseVerified(tree, &bytes) && bytes != "untouched");
+  EXPECT_FALSE(plist_guard::SameTree(plist_dict_get_item(tree, "city"),
+                                     plist_dict_get_item(tree, "MachineID")));
 }
 
 }  // namespace

@@ -276,8 +276,7 @@ TEST(ToolConventionsCliTest, DefaultsValuesFilesOfOtherToolsAndRefusals) {
   for (const Row& row : rows) Check(row);
 }
 
-// Damaged or hostile files read as what they soundly hold (else empty), never crash or hang,
-// and the next write keeps every key that was read.
+// Hostile files read as what they soundly hold (else empty), never crash or hang; no key lost.
 TEST(ToolConventionsCliTest, DefaultsReadsHostileFilesSafely) {
   const std::string script = "dflt read com.t; dflt write com.t n -int 1; pl $P/com.t.plist";
   const std::string nul(1, '\0');
