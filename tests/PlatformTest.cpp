@@ -1,5 +1,4 @@
-// The platform seam: host identifier, home, main bundle (also of a copy of this
-// program inside an app), system probes, and the uploader launcher.
+// Host identifier, home, main bundle (also of a copy of this program in an app), probes, launcher.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -7,11 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
 
 #include "Logger.h"
 #include "Mac/LogCourUtilsMac.h"
@@ -23,11 +20,6 @@
 namespace {
 
 using namespace testing_support;
-
-std::string HostName() {
-  char name[256] = {};
-  return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
-}
 
 TEST(PlatformPaths, HostIdFromMachineIdFiles) {
   const std::string id = "0123456789abcdefABCDEF0123456789";
@@ -43,7 +35,9 @@ TEST(PlatformPaths, HostIdFromMachineIdFiles) {
   ScopedTempDir tmp;
   ASSERT_TRUE(WriteFile(tmp.Sub("bad"), "not-an-id\n") && WriteFile(tmp.Sub("good"), id + "\n"));
   EXPECT_EQ(formatted, Platform::internal::HostIdFromFiles({tmp.Sub("bad"), tmp.Sub("good")}));
-  EXPECT_EQ(HostName(), Platform::internal::HostIdFromFiles({tmp.Sub("bad"), tmp.Sub("none")}));
+  char host[256] = {};
+  ASSERT_EQ(0, ::gethostname(host, sizeof host - 1));
+  EXPECT_EQ(host, Platform::internal::HostIdFromFiles({tmp.Sub("bad"), tmp.Sub("none")}));
 }
 
 TEST(PlatformPaths, HomeFromEnvironmentElsePasswordDatabase) {
@@ -125,19 +119,17 @@ TEST(ProbeSourcesTest, ParsesTheSourcesAndFallsBack) {
               WriteFile(product, "  Model X 1.0 \n"));
 
   using namespace SystemInfo;
-  EXPECT_EQ(CPUBrandFromCpuinfo(cpuinfo), "Some CPU @ 2.40GHz");
-  EXPECT_EQ(CPUBrandFromCpuinfo(none), "");
-  EXPECT_EQ(HardwareModelFrom(product, "x86_64"), "Model X 1.0");
-  EXPECT_EQ(HardwareModelFrom(none, "aarch64"), "aarch64");
-  EXPECT_EQ(CPUSpeedMHzFrom(dir.Sub("max_freq"), cpuinfo), "3600");
-  EXPECT_EQ(CPUSpeedMHzFrom(dir.Sub("bad"), cpuinfo), "2394");
-  EXPECT_EQ(CPUSpeedMHzFrom(none, product), "0");
-  EXPECT_EQ(CPUSpeedMHzFrom(none, none), "0");
+  EXPECT_EQ(CPUBrandFromCpuinfo(cpuinfo) + "|" + CPUBrandFromCpuinfo(none), "Some CPU @ 2.40GHz|");
+  EXPECT_EQ(HardwareModelFrom(product, "x86_64") + "|" + HardwareModelFrom(none, "aarch64"),
+            "Model X 1.0|aarch64");
+  EXPECT_EQ(CPUSpeedMHzFrom(dir.Sub("max_freq"), cpuinfo) + "|" +
+                CPUSpeedMHzFrom(dir.Sub("bad"), cpuinfo) + "|" + CPUSpeedMHzFrom(none, product) +
+                "|" + CPUSpeedMHzFrom(none, none),
+            "3600|2394|0|0");
 }
 
 bool WaitForFile(const std::string& path, std::string* contents) {
-  for (int i = 0; i < 500 && !PathExists(path); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  for (int i = 0; i < 500 && !PathExists(path); ++i) ::usleep(20000);
   return ReadFile(path, contents);
 }
 
@@ -146,7 +138,6 @@ class LauncherTest : public ::testing::Test {
   // No hint and a bundle without an uploader, unless a test sets them.
   void SetUp() override { SetUploaderLocationHint(tree_.Sub("NoHint").c_str()); }
 
-  // An application directory whose executable is the shell script `body`.
   std::string MakeApp(const std::string& appDir, const std::string& body = "exit 0\n") {
     std::string exe = tree_.Sub(appDir) + "/Contents/MacOS/LogCourier2";
     EXPECT_TRUE(WriteFile(exe, body) && ::chmod(exe.c_str(), 0755) == 0);
