@@ -125,10 +125,11 @@ TEST_F(PreferencesTest, ConcurrentWritersKeepEveryKeyAndOneMachineId) {
       char c;
       close(gate[1]);
       if (read(gate[0], &c, 1) != 0) _exit(2);  // end of file: everyone is released at once
-      if (!testing_support::WriteFile(id_file(w), GetMachineID())) _exit(1);
+      if (!testing_support::WriteFile(id_file(w), GetMachineID())) testing_support::ExitChild(1);
       for (int i = w; i < 120; i += kProcesses)
-        if (!SetPreferenceNumber("k" + std::to_string(i), kDomain, i, kMe, kAny)) _exit(1);
-      _exit(0);
+        if (!SetPreferenceNumber("k" + std::to_string(i), kDomain, i, kMe, kAny))
+          testing_support::ExitChild(1);
+      testing_support::ExitChild(0);
     }
   }
   close(gate[0]);
