@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <tuple>
 
 #include "FileIO.h"
 #include "FileUtil.h"
@@ -188,6 +189,13 @@ TEST(FileUtilSpare, NamesTimesListingsDeletionAndSpace) {
   EXPECT_EQ(flat, (Strings{tmp.Sub("a.log"), tmp.Sub("abs"), tmp.Sub("rel")}));
   EXPECT_EQ(deep, (Strings{tmp.Sub("a.log"), tmp.Sub("abs"), tmp.Sub("d/b.log"), tmp.Sub("rel")}));
   EXPECT_FALSE(FileUtil::ListFiles(tmp.Sub("a.log"), &flat, false));
+  // A source folder made after the copy was written means a newer install, else the later file.
+  using Row = std::tuple<long, long, bool>;  // ages of source and copy (s), source newer
+  for (const auto& [source, copy, newer] :
+       {Row{1000, 100, true}, Row{-2000, -1000, true}, Row{-1000, -2000, false}}) {
+    ASSERT_TRUE(AgeFile(tmp.Sub("d/b.log"), source) && AgeFile(tmp.Sub("a.log"), copy));
+    EXPECT_EQ(newer, FileUtil::IsNewer(tmp.Sub("d/b.log"), tmp.Sub("a.log"))) << source;
+  }
   FileUtil::DeleteContaining(tmp.path(), ".log");  // not hidden ones, not into directories
   EXPECT_EQ(ListNames(tmp.path()), (Strings{".h.log", "abs", "d", "rel"}));
   EXPECT_TRUE(FileUtil::GetFreeSpace(tmp.path(), &space) && space > 0);
