@@ -151,7 +151,8 @@ class PassTest : public ::testing::Test {
     return RunPass({dryRun, "", clock, [net] { return MakeCurlTransport(net); }}, report);
   }
   std::uint32_t Failures(const std::string& name) const {  // 0 when it has no record
-    const auto* attempts = AttemptLedger::Load(cfg_ + ".attempts").Find(name);
+    const AttemptLedger ledger = AttemptLedger::Load(cfg_ + ".attempts");  // owns the record
+    const auto* attempts = ledger.Find(name);
     return attempts == nullptr ? 0 : attempts->failures;
   }
   Lines Cli(const Lines& extra = {}) const {
