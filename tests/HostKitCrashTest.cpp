@@ -85,6 +85,7 @@ TEST_F(HostKitCrashTest, EachCrashLeavesOneLogAndKeepsItsDeath) {
 #endif
       {"segv", "--app-handler", 100 + SIGSEGV, "log"},
       {"abrt", "--app-handler", 100 + SIGABRT, "log"},
+      {"segv", "--overflow", 128 + SIGSEGV, "log"},  // the hook runs on its own stack
       {"segv", "--end-first", 128 + SIGSEGV, ""},
       {"segv", "--crash-in-child", 0, ""},  // the parent ends its session cleanly
       {"segv", "--core", 128 + SIGSEGV, "log"},

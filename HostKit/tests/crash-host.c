@@ -71,6 +71,14 @@ static void crash(int sig) {
   (void)raise(sig); /* SIGKILL (what a task manager sends), or no such instruction here */
 }
 
+/* Runs out of stack, as runaway recursion does: the hook needs its own stack. */
+static volatile int forever = 1;
+static int overflow(volatile char* above) {
+  volatile char frame[4096];
+  frame[0] = (char)(above != NULL ? above[0] + 1 : 1);
+  return forever ? overflow(frame) + frame[1] : frame[0];
+}
+
 static char** args;
 static const char* value(const char* name) {
   for (char** a = args; *a != NULL; ++a) {
@@ -139,6 +147,7 @@ int main(int argc, char* argv[]) {
     if (child < 0 || waitpid(child, &status, 0) != child || WTERMSIG(status) != sig) return 8;
     return access(lumetry_host_session_path(), F_OK) == 0 && lumetry_host_end() == 0 ? 0 : 10;
   }
+  if (value("--overflow")) (void)overflow(NULL);
   crash(sig);
   return 7;
 }
