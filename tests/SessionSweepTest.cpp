@@ -1,6 +1,5 @@
 // The sweep of orphaned sessions with real hosts and signals: a killed host's
 // session is one crash log, a live or ended one nothing, racing sweeps share.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,12 +58,7 @@ class SessionSweepTest : public ::testing::Test {
   // A host that stays alive until killed, once its session file is there.
   pid_t LiveHost() {
     const std::string out = home_.path() + "/demo.out";
-    const pid_t pid = ::fork();
-    if (pid == 0) {  // only calls safe after a fork in a threaded process
-      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-      ::execl(LUMETRY_CRASHDEMO, LUMETRY_CRASHDEMO, "--crash", "hang", nullptr);
-      ::_exit(127);
-    }
+    const pid_t pid = ts::StartProgram({LUMETRY_CRASHDEMO, "--crash", "hang"}, {}, out);
     for (int i = 0; i < 500 && ts::Contents(out).find('\n') == std::string::npos; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return pid;

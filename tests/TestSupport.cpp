@@ -151,9 +151,9 @@ std::string Rot47(std::string text) {
   return text;
 }
 
-RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  RunResult result;
-  if (argv.empty()) return result;
+int StartProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                 const std::string& out, const std::string& err) {
+  if (argv.empty()) return -1;
   // The caller's entries replace inherited ones of the same name.
   const auto name = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
   std::vector<std::string> environment = env;
@@ -163,27 +163,34 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std
       environment.push_back(*e);
   }
   const auto pointers = [](const std::vector<std::string>& strings) {
-    std::vector<char*> out;
-    for (const std::string& s : strings) out.push_back(const_cast<char*>(s.c_str()));
-    out.push_back(nullptr);
-    return out;
+    std::vector<char*> list;
+    for (const std::string& s : strings) list.push_back(const_cast<char*>(s.c_str()));
+    list.push_back(nullptr);
+    return list;
   };
   std::vector<char*> cargv = pointers(argv), cenv = pointers(environment);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  for (const auto& [fd, path] : {std::pair<int, const std::string&>{1, out}, {2, err}}) {
+    if (!path.empty())
+      posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                       0600);
+  }
+  pid_t pid = -1;
+  const int rc = ::posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
+  posix_spawn_file_actions_destroy(&actions);
+  return rc == 0 ? pid : -1;
+}
 
+RunResult RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   // The output goes to files, so neither a chatty child nor a grandchild that
   // keeps the descriptors can block the caller.
   const ScopedTempDir dir;
   const std::string out = dir.Sub("out"), err = dir.Sub("err");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  pid_t pid = -1;
-  const int rc = ::posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), cenv.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return result;
-
+  RunResult result;
+  const pid_t pid = StartProgram(argv, env, out, err);
+  if (pid < 0) return result;
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
   if (WIFEXITED(status)) result.status = WEXITSTATUS(status);

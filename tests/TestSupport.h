@@ -130,6 +130,11 @@ struct RunResult {
   std::string err;  // standard error
 };
 
+// Starts `argv` (argv[0] is the program path) without waiting, standard input
+// on /dev/null and standard output and error in the files `out` and `err`
+// (inherited when empty); `env` as for RunProgram. -1 when it cannot start.
+int StartProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+                 const std::string& out = "", const std::string& err = "");
 // Runs `argv` (argv[0] is the program path), standard input on /dev/null;
 // `env` entries "NAME=value" are added to (or replace) the current environment.
 RunResult RunProgram(const std::vector<std::string>& argv,

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -33,8 +32,6 @@
 #include "TestSupport.h"
 #include "UploaderConfig.h"
 #include "Uploads.h"
-
-extern char** environ;
 
 namespace {
 
@@ -67,13 +64,6 @@ std::string Join(const Lines& lines) {  // "a b c"
 std::string Outcome(const ts::RunResult& run) {  // "status|out|err"
   return std::to_string(run.status) + "|" + run.out + "|" + run.err;
 }
-pid_t Spawn(Lines args) {
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
-}
 
 struct Request {
   std::string head;  // "METHOD PATH", then "name: value" lines, names lower-cased
@@ -85,7 +75,7 @@ struct Request {
 class PassTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    pid_ = Spawn({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", srv_.path()});
+    pid_ = ts::StartProgram({PYTHON_PROGRAM, COURIER_SERVER_SCRIPT, "--dir", srv_.path()});
     for (int i = 0; i < 300 && !ts::PathExists(srv_.Sub("port")); ++i) ::usleep(50000);
     ASSERT_TRUE(ts::PathExists(srv_.Sub("port")));
     ASSERT_TRUE(ts::MakeDirs(spool_));
@@ -474,7 +464,7 @@ TEST_F(PassTest, ProgramOnePassAtATimeDryRunAndKilledPass) {
   }
   EXPECT_TRUE(Requests().empty());
   Script(Answers(kUpload, R"({"status": 200, "delay": 5})"));
-  const pid_t pid = Spawn(Cli());  // HOME is the test's home, inherited
+  const pid_t pid = ts::StartProgram(Cli());  // HOME is the test's home, inherited
   for (int i = 0; i < 200 && Requests().size() < 3; ++i) ::usleep(25000);
   ASSERT_EQ(3u, Requests().size());  // the first upload is out, its answer not yet
   ::kill(pid, SIGKILL);
